@@ -10,13 +10,13 @@
 const mcu_handler mcu_handler_table[16] = {
     nullptr,                    // 0
     nullptr,                    // 1
-    nullptr,                    // 2 handler_mix_mode
-    nullptr,                    // 3 handler_system_word
-    nullptr,                    // 4 handler_delay
-    nullptr,                    // 5 handler_vol
+    handler_mix_mode,           // 2
+    handler_system_word,        // 3
+    handler_delay,              // 4
+    handler_vol,                // 5
     handler_atmos,              // 6
     nullptr,                    // 7
-    nullptr,                    // 8 handler_bm
+    handler_bm,                 // 8
     handler_music_play,         // 9
     handler_record_control,     // 10
     handler_dtsx,               // 11
