@@ -1,4 +1,5 @@
 // Audio status frame 0x21, record state frame 0x20, and the two report workers.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -142,7 +143,8 @@ void* audio_poll_thread(void*)
     for (;;) {
         cancel_point_open();
         usleep(200000);
-        sem_wait(&mcu_state.audio_poll_sem);
+        while (sem_wait(&mcu_state.audio_poll_sem) != 0 && errno == EINTR) {
+        }
         cancel_point_close();
         get_audio_info(payload);
         send_audio_info(payload);
