@@ -42,6 +42,12 @@ void poke_pipe(const e2e::Sandbox& sb)
     close(fd);
 }
 
+// Sanitizer builds of the daemon report on its stderr.
+void expect_clean(const e2e::Sandbox& sb)
+{
+    EXPECT_EQ(sb.errors().find("Sanitizer"), std::string::npos) << sb.errors();
+}
+
 void start_with_reports(e2e::Sandbox& sb)
 {
     sb.dsp_reply("dsp vmb_Get_AudioInfo", AUDIO_INFO);
@@ -104,6 +110,7 @@ TEST(MediaE2E, RecordControlNumberingStateFrameAndFileMoves)
     EXPECT_EQ(sb.standin_calls(), (strings{"music_file export", "music_file import"}));
     EXPECT_NE(sb.output().find("[MCU IF] exporting .wav files failed\n[MCU IF] importing .wav files succeed\n"),
               std::string::npos);
+    expect_clean(sb);
 }
 
 TEST(MediaE2E, RecordWaitsFollowTheClockOfTheQuery)
@@ -123,6 +130,7 @@ TEST(MediaE2E, RecordWaitsFollowTheClockOfTheQuery)
     sb.dsp_delay_ms("dsp rec state", 2200);
     sb.send_frame(0x0A, {2});
     EXPECT_TRUE(sb.wait_output("[MCU IF] stop recording...\n", 4000)) << sb.output();
+    expect_clean(sb);
 }
 
 TEST(MediaE2E, AtmosRowsFailureBytesAndDtsx)
@@ -174,6 +182,7 @@ TEST(MediaE2E, AtmosRowsFailureBytesAndDtsx)
     EXPECT_EQ(sb.read_mcu_frame(3000)[2], 0x20);  // no audio report from DTS:X
     EXPECT_EQ(since(sb, n), (strings{"dsp dtsx 4 0\n", "dsp dtsx 1 0\n", "dsp dtsx 5 0\n", "dsp dtsx 3 0\n",
                                      "dsp dtsx 2 0\n", "dsp dtsx 0 0\n", "dsp dtsx 2 255\n", "dsp rec state\n"}));
+    expect_clean(sb);
 }
 
 TEST(MediaE2E, PipeReportsAppliedBitsAndDialog)
@@ -196,6 +205,7 @@ TEST(MediaE2E, PipeReportsAppliedBitsAndDialog)
     EXPECT_EQ(sb.read_mcu_frame(3000)[2], 0x21);
     poke_pipe(sb);
     EXPECT_EQ(sb.read_mcu_frame(3000)[2], 0x21);  // no dialog change, no record frame between
+    expect_clean(sb);
 }
 
 TEST(MediaE2E, MusicOwnsTheSourceAndTheMonitorSeesTheEnd)
@@ -243,6 +253,7 @@ TEST(MediaE2E, MusicOwnsTheSourceAndTheMonitorSeesTheEnd)
     EXPECT_EQ(sb.read_mcu_frame(3000), audio_frame(0x20));
     EXPECT_EQ(since(sb, n, true),
               (strings{"dsp rec music 0\n", "dsp vmb_Get_AudioInfo\n", "dsp s4_ch_eng\n"}));
+    expect_clean(sb);
 }
 
 TEST(MediaE2E, TonePathGainAndWaits)
@@ -273,4 +284,32 @@ TEST(MediaE2E, TonePathGainAndWaits)
     EXPECT_EQ(c[1], "dsp alter alterGain 10\n");
     EXPECT_EQ(c[2], "dsp alter /sdk/recorded/tone_03.wav mode=1 chmap=2049\n");
     EXPECT_TRUE(sb.wait_output("[MCU IF] failed to play /sdk/recorded/tone_03.wav\n", 1000));
+    expect_clean(sb);
+}
+
+TEST(MediaE2E, PollGateWithAllWorkersRunning)
+{
+    e2e::Sandbox sb;
+    sb.dsp_reply("dsp rec musicState", "musicState:1");
+    start_with_reports(sb);
+    sb.send_frame(2, {0x00, 0, 0, 0x04});  // polling on
+    EXPECT_EQ(sb.read_mcu_frame(3000)[2], 0x21);
+    EXPECT_EQ(sb.read_mcu_frame(3000)[2], 0x21);
+    // Music (the monitor), the pipe, the poll and handlers on the main thread at once.
+    sb.send_frame(9, {0x40, 1});
+    for (uint8_t i = 0; i < 5; ++i) {
+        poke_pipe(sb);
+        sb.send_frame(6, bytes(11, i));
+    }
+    bool playing = false;
+    for (int i = 0; i < 20 && !playing; ++i) {
+        bytes f = sb.read_mcu_frame_cmd(0x21, 3000);
+        playing = f.size() == 16 && (f[5] & 0x40);
+    }
+    EXPECT_TRUE(playing);
+    sb.send_frame(9, {0x00});
+    sb.send_frame(2, {0x00, 0, 0, 0x00});  // polling off
+    sb.drain(800);
+    EXPECT_TRUE(sb.drain(800).empty());
+    expect_clean(sb);
 }
