@@ -20,7 +20,7 @@
 //                            0 after "dsp rec music 0"
 //   "dsp alter state"        alter state:N  1 while a tone started by
 //                            "dsp alter PATH mode=1 ..." plays (tone_ms), else 0
-//   "dsp s4_filter ..", "dsp s4_drc .."   a read-back text
+//   "dsp s4_...", "dsp s2_..."  a read-back text
 // Values of the model are set in the rules file (see "set" below).
 //
 // Rules file: read again whenever it changed (new inode, size or mtime), so a
@@ -315,8 +315,12 @@ public:
         } else if (c.starts_with("dsp alter ") && c.find(" mode=1") != std::string::npos) {
             tone_ = true;
             tone_started_ = now;
-        } else if (c.starts_with("dsp s4_filter") || c.starts_with("dsp s4_drc")) {
-            return "filter 0: fc=1000 q=0.707 gain=0.0\n[ok]";
+        } else if (c.starts_with("dsp s4_filter")) {
+            return "filter: type=peak fc=1000 q=0.707 gain=0.0";
+        } else if (c.starts_with("dsp s4_") || c.starts_with("dsp s2_")) {
+            // Any other read-back query: its word and a row of settings.
+            std::string word = c.substr(4, c.find_first_of(" \r\n", 4) - 4);
+            return word + ": 0 0 0 0";
         }
         return "[ok]";
     }
