@@ -20,9 +20,11 @@
 #include <unistd.h>
 
 #include "core/dsp_queue.h"
+#include "core/protocol.h"
 #include "core/serial.h"
 
 extern "C" int __wrap_system(const char*);
+extern "C" int __real_usleep(useconds_t);
 
 namespace fuzz {
 
@@ -112,9 +114,14 @@ struct big_message {
     char text[8192];
 };
 
+size_t state_turn = 0;
+
+// State queries are answered 0, 1, 2, 3 in turn, so that a handler waiting
+// for any of them sees it within a few polls.
 std::string default_reply(const char* command)
 {
-    return strstr(command, "state") ? "state:1" : "[ok]";
+    if (!strstr(command, "state")) return "[ok]";
+    return "state:" + std::to_string(state_turn++ % 4);
 }
 
 void* responder(void*)
@@ -181,6 +188,7 @@ void set_replies(std::vector<std::string> r)
     std::lock_guard<std::mutex> g(replies_lock);
     replies = std::move(r);
     next_reply = 0;
+    state_turn = 0;
 }
 
 std::vector<std::string> split_replies(std::string_view script)
@@ -196,6 +204,30 @@ std::vector<std::string> split_replies(std::string_view script)
 }
 
 size_t requests_seen() { return answered; }
+
+int start_link(int id, bool init)
+{
+    setup();
+    int port = open_port();
+    protocol_register_all();
+    protocol_select(id);
+    if (init && protocol_current()->init() != 0) {
+        fprintf(stderr, "fuzz setup: init of link %d failed\n", id);
+        exit(2);
+    }
+    return port;
+}
+
+size_t take_replies(const uint8_t* data, size_t size)
+{
+    if (size == 0) {
+        set_replies({});
+        return 0;
+    }
+    size_t n = data[0] < size - 1 ? data[0] : size - 1;
+    set_replies(split_replies({reinterpret_cast<const char*>(data + 1), n}));
+    return 1 + n;
+}
 
 int open_port()
 {
@@ -251,3 +283,8 @@ extern "C" int __wrap_system(const char*) { return fuzz::system_status; }
 // The one wait of the daemon that never ends (the finished state of the MCU
 // firmware upload) hands control back to the harness instead.
 extern "C" int __wrap_pause() { throw fuzz::parked{}; }
+
+// The workers' timers (200 ms, 500 ms) run at 10 ms at most: a frame that
+// takes the polling token back waits for the pass under way, and the
+// harness should not spend its time there.
+extern "C" int __wrap_usleep(useconds_t us) { return __real_usleep(us < 10000 ? us : 10000); }

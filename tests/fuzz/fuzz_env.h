@@ -18,9 +18,18 @@ namespace fuzz {
 // Then creates the DSP queue at the daemon's key and starts the responder.
 void setup();
 
+// setup(), open_port(), and the link protocol `id` registered, selected and
+// (if init) initialised. Returns the port's other end.
+int start_link(int id, bool init = true);
+
+// Takes the reply script from the front of an input (a byte n, then n bytes
+// of "a\nb\n..." replies, cut to the input) into set_replies; returns the
+// number of bytes it took.
+size_t take_replies(const uint8_t* data, size_t size);
+
 // Replies of the DSP service stand-in for the next requests, in order; once
-// they are used up it answers "state:1" to state queries and "[ok]" to all
-// else, so that no wait of a handler runs to its time limit.
+// they are used up it answers state queries with 0, 1, 2, 3 in turn and all
+// else with "[ok]", so that no wait of a handler runs to its time limit.
 void set_replies(std::vector<std::string> replies);
 // Splits "a\nb\n..." into replies; used to take a reply script from input.
 std::vector<std::string> split_replies(std::string_view script);

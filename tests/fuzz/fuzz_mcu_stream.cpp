@@ -49,20 +49,14 @@ void defuse_firmware_upload(std::vector<uint8_t>& s)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fuzz::setup();
-    port = fuzz::open_port();
-    protocol_register_all();
-    protocol_select(PROTO_MCU);
-    if (protocol_current()->init() != 0) abort();
+    port = fuzz::start_link(PROTO_MCU);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size == 0 || size > 65536) return -1;
-    size_t n = data[0] < size - 1 ? data[0] : size - 1;
-    fuzz::set_replies(fuzz::split_replies({reinterpret_cast<const char*>(data + 1), n}));
-    std::vector<uint8_t> stream(data + 1 + n, data + size);
+    if (size > 65536) return -1;
+    std::vector<uint8_t> stream(data + fuzz::take_replies(data, size), data + size);
     defuse_firmware_upload(stream);
     if (!stream.empty() && write(port, stream.data(), stream.size()) != static_cast<ssize_t>(stream.size()))
         abort();

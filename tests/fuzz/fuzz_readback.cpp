@@ -30,27 +30,22 @@ constexpr query queries[] = {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fuzz::setup();
-    fuzz::open_port();
-    protocol_register_all();
-    protocol_select(PROTO_DSPTOOL);
-    if (protocol_current()->init() != 0) abort();
+    fuzz::start_link(PROTO_DSPTOOL);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size < 2) return -1;
-    size_t n = data[0] < size - 2 ? data[0] : size - 2;
-    fuzz::set_replies(fuzz::split_replies({reinterpret_cast<const char*>(data + 1), n}));
-    const query& q = queries[data[1 + n] % std::size(queries)];
+    size_t at = fuzz::take_replies(data, size);
+    if (at >= size) return -1;
+    const query& q = queries[data[at++] % std::size(queries)];
     size_t prefix = strlen(q.prefix);
-    size_t len = size - 2 - n;
+    size_t len = size - at;
     // The handlers get lines of at most 3071 bytes, in a buffer of their own.
     if (len > TOOL_BUF_SIZE - 1 - prefix) len = TOOL_BUF_SIZE - 1 - prefix;
     std::unique_ptr<char[]> line(new char[prefix + len + 1]);
     memcpy(line.get(), q.prefix, prefix);
-    memcpy(line.get() + prefix, data + 2 + n, len);
+    memcpy(line.get() + prefix, data + at, len);
     line[prefix + len] = '\0';
     q.handler(line.get());
     return 0;

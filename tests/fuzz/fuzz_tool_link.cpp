@@ -23,20 +23,14 @@ unsigned long inputs_run = 0;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fuzz::setup();
-    port = fuzz::open_port();
-    protocol_register_all();
-    protocol_select(PROTO_DSPTOOL);
-    if (protocol_current()->init() != 0) abort();
+    port = fuzz::start_link(PROTO_DSPTOOL);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size == 0 || size > 65536) return -1;
-    size_t n = data[0] < size - 1 ? data[0] : size - 1;
-    fuzz::set_replies(fuzz::split_replies({reinterpret_cast<const char*>(data + 1), n}));
-    size_t pos = 1 + n;
+    if (size > 65536) return -1;
+    size_t pos = fuzz::take_replies(data, size);
     while (pos + 2 <= size) {
         size_t len = data[pos] | data[pos + 1] << 8;
         pos += 2;

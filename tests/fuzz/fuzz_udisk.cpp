@@ -45,10 +45,7 @@ void repair_digests(std::vector<uint8_t>& file)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    fuzz::setup();
-    fuzz::open_port();
-    protocol_register_all();
-    protocol_select(PROTO_MCU);  // the progress frames go out
+    fuzz::start_link(PROTO_MCU, false);  // the progress frames go out
     return 0;
 }
 

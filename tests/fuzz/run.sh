@@ -22,7 +22,12 @@ fi
 
 cmake -S "$src" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DTTY_HUB_FUZZ=ON -DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF >/dev/null
-make -C "$build" -j2 --no-print-directory 2>&1 | grep -E "error|warning" || true
+mkdir -p "$build/logs"
+if ! make -C "$build" -j2 --no-print-directory >"$build/logs/build.log" 2>&1; then
+    grep -E "error" "$build/logs/build.log" | head -20
+    echo "fuzz: build failed"
+    exit 1
+fi
 
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
