@@ -231,6 +231,7 @@ TEST(FaultDisk, FullDuringOtaReception)
     sb.write_file("/user/OTA_UPG.bin", old_package);
     // The package comes from the device file; /tmp, where it is stored
     // first, has room for a fraction of it.
+    sb.remove("/dev/vmb_ota");
     sb.write_file("/dev/vmb_ota", std::string(200 * 1024, 'o'));
     sb.limit_dir("/tmp", 64 * 1024);
     sb.start();
