@@ -120,7 +120,7 @@ size_t state_turn = 0;
 // for any of them sees it within a few polls.
 std::string default_reply(const char* command)
 {
-    if (!strstr(command, "state")) return "[ok]";
+    if (!strcasestr(command, "state")) return "[ok]";  // musicState too
     return "state:" + std::to_string(state_turn++ % 4);
 }
 
