@@ -1,4 +1,5 @@
 // Audio status frame 0x21, record state frame 0x20, and the two report workers.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -87,6 +88,16 @@ void walk_reply(char* text, std::span<const std::string_view> keys, uint8_t* pay
 
 }  // namespace
 
+void walk_audio_info(char* reply, uint8_t* payload)
+{
+    walk_reply(reply, info_keys, payload, audio_info_key);
+}
+
+void walk_channel_energy(char* reply, uint8_t* payload)
+{
+    walk_reply(reply, energy_keys, payload, energy_key);
+}
+
 void make_audio_report()
 {
     uint8_t payload[12] = {};
@@ -96,12 +107,12 @@ void make_audio_report()
 
 int get_audio_info(uint8_t* payload)
 {
+    // dsp_reply keeps this thread's previous reply when a query fails on the
+    // queue: walk only a fresh one, so that a failed query adds nothing.
     payload[0] = 0;
-    dsp_cmd(dsp_reply_copy, "dsp vmb_Get_AudioInfo\n");
-    walk_reply(dsp_reply, info_keys, payload, audio_info_key);
+    if (dsp_cmd(dsp_reply_copy, "dsp vmb_Get_AudioInfo\n") == 0) walk_audio_info(dsp_reply, payload);
     memset(payload + 4, 0, 6);
-    dsp_cmd(dsp_reply_copy, "dsp s4_ch_eng\n");
-    walk_reply(dsp_reply, energy_keys, payload, energy_key);
+    if (dsp_cmd(dsp_reply_copy, "dsp s4_ch_eng\n") == 0) walk_channel_energy(dsp_reply, payload);
     return 0;
 }
 
@@ -132,7 +143,8 @@ void* audio_poll_thread(void*)
     for (;;) {
         cancel_point_open();
         usleep(200000);
-        sem_wait(&mcu_state.audio_poll_sem);
+        while (sem_wait(&mcu_state.audio_poll_sem) != 0 && errno == EINTR) {
+        }
         cancel_point_close();
         get_audio_info(payload);
         send_audio_info(payload);

@@ -27,6 +27,9 @@ int send_audio_info(uint8_t* payload);
 int send_record_state();
 // A report from a new buffer.
 void make_audio_report();
+// The walks of the two status replies (modified in place) into a report.
+void walk_audio_info(char* reply, uint8_t* payload);
+void walk_channel_energy(char* reply, uint8_t* payload);
 
 // Worker routines.
 void* audio_poll_thread(void*);

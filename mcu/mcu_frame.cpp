@@ -10,16 +10,16 @@
 const mcu_handler mcu_handler_table[16] = {
     nullptr,                    // 0
     nullptr,                    // 1
-    nullptr,                    // 2 handler_mix_mode
-    nullptr,                    // 3 handler_system_word
-    nullptr,                    // 4 handler_delay
-    nullptr,                    // 5 handler_vol
-    nullptr,                    // 6 handler_atmos
+    handler_mix_mode,           // 2
+    handler_system_word,        // 3
+    handler_delay,              // 4
+    handler_vol,                // 5
+    handler_atmos,              // 6
     nullptr,                    // 7
-    nullptr,                    // 8 handler_bm
-    nullptr,                    // 9 handler_music_play
-    nullptr,                    // 10 handler_record_control
-    nullptr,                    // 11 handler_dtsx
+    handler_bm,                 // 8
+    handler_music_play,         // 9
+    handler_record_control,     // 10
+    handler_dtsx,               // 11
     nullptr,                    // 12
     nullptr,                    // 13
     handler_ota_control,        // 14

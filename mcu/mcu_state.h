@@ -49,8 +49,8 @@ struct mcu_state_t {
 
     // recording
     std::atomic<int> record_state;
-    time_t record_start_time;
-    uint8_t file_status;
+    std::atomic<time_t> record_start_time;  // read by audio_pipe_thread
+    std::atomic<uint8_t> file_status;  // read by audio_pipe_thread
     std::atomic<uint8_t> dialog_changed;
     std::atomic<uint8_t> dialog_active;
     std::atomic<int> last_dialog_value{-1};  // the first value seen is a change

@@ -38,7 +38,11 @@ void* worker_entry(void* p)
 void start_worker(pthread_t* handle, routine fn, void* arg)
 {
     auto* a = new start_args{fn, arg};
-    if (pthread_create(handle, nullptr, worker_entry, a) != 0) delete a;
+    if (pthread_create(handle, nullptr, worker_entry, a) != 0) {
+        // The daemon runs on without it; a zero handle keeps mcu_exit off it.
+        delete a;
+        *handle = pthread_t{};
+    }
 }
 
 }  // namespace
@@ -61,6 +65,7 @@ int mcu_exit()
     if (mcu_state.workers_started) {
         for (pthread_t t : {mcu_state.audio_poll_thread, mcu_state.audio_pipe_thread,
                             mcu_state.music_monitor_thread}) {
+            if (t == pthread_t{}) continue;
             pthread_cancel(t);
             pthread_join(t, nullptr);
         }

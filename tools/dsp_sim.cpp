@@ -1,0 +1,364 @@
+// dsp_sim: a stand-in for the DSP service on its SysV message queue.
+//
+// It creates the queue (key ftok("/tmp", 0x111)), takes each type-2 request
+// and answers it with a type-1 reply whose text carries its terminating NUL.
+//
+//   dsp_sim [--rules FILE] [--log FILE] [--ready FILE] [--create-delay-ms N]
+//           [--remove-on-exit] [--verbose]
+//
+// Rules file: read again whenever it changed (new inode, size or mtime), so a
+// test may rewrite it at any time (write a new file and rename it over).
+// One rule per line, fields separated by a TAB; blank lines and lines starting
+// with '#' are ignored:
+//
+//   reply  PREFIX  TEXT [TEXT ...]   answer TEXT; several texts are used in
+//                                    turn, the last one then repeats
+//   silent PREFIX                    never answer
+//   delay  PREFIX  MS                wait MS milliseconds before answering
+//
+// PREFIX is matched against the start of the command text (its "\n"
+// included, so "dsp vol 1 " does not match "dsp vol 12"). The answer (reply
+// or silent) and the delay are chosen separately: for each, the rule with the
+// longest matching prefix wins, and of equal prefixes the later line. No
+// matching answer rule: "[ok]". An empty prefix matches every command.
+// PREFIX and TEXT take the escapes \n \r \t \\ \0 and \xHH.
+//
+// Log file: every request in arrival order, exactly as received (all bytes
+// msgrcv gave, the NUL included), each written as a netstring
+// "<decimal length>:<bytes>," and flushed at once, so that embedded newlines
+// and NULs survive.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <optional>
+#include <string>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr long REQUEST_TYPE = 2;
+constexpr long RESPONSE_TYPE = 1;
+constexpr size_t REPLY_MAX = 3072;  // what the daemon's msgrcv accepts
+constexpr size_t RECV_MAX = 65536;  // larger than any queue allows: nothing is cut
+
+struct options {
+    std::string rules_path;
+    std::string log_path;
+    std::string ready_path;
+    long create_delay_ms = 0;
+    bool remove_on_exit = false;
+    bool verbose = false;
+};
+
+struct rule {
+    enum class kind { reply, silent, delay } what;
+    std::string prefix;
+    std::vector<std::string> texts;  // reply
+    long delay_ms = 0;               // delay
+    size_t line = 0;
+};
+
+std::string unescape(const std::string& s)
+{
+    std::string out;
+    for (size_t i = 0; i < s.size(); ++i) {
+        if (s[i] != '\\' || i + 1 == s.size()) {
+            out += s[i];
+            continue;
+        }
+        char c = s[++i];
+        switch (c) {
+        case 'n': out += '\n'; break;
+        case 'r': out += '\r'; break;
+        case 't': out += '\t'; break;
+        case '0': out += '\0'; break;
+        case 'x':
+            if (i + 2 < s.size() && isxdigit(static_cast<unsigned char>(s[i + 1])) &&
+                isxdigit(static_cast<unsigned char>(s[i + 2]))) {
+                out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
+                i += 2;
+            } else {
+                out += "\\x";
+            }
+            break;
+        default: out += c; break;
+        }
+    }
+    return out;
+}
+
+std::string escape(const std::string& s)
+{
+    std::string out;
+    for (unsigned char c : s) {
+        switch (c) {
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        case '\\': out += "\\\\"; break;
+        default:
+            if (c < 0x20 || c >= 0x7F) {
+                char hex[8];
+                snprintf(hex, sizeof hex, "\\x%02x", c);
+                out += hex;
+            } else {
+                out += static_cast<char>(c);
+            }
+        }
+    }
+    return out;
+}
+
+std::vector<std::string> split_tabs(const std::string& line)
+{
+    std::vector<std::string> fields;
+    size_t start = 0;
+    for (;;) {
+        size_t tab = line.find('\t', start);
+        fields.push_back(line.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
+        if (tab == std::string::npos) return fields;
+        start = tab + 1;
+    }
+}
+
+class rule_book {
+public:
+    explicit rule_book(std::string path) : path_(std::move(path)) {}
+
+    // Re-reads the file if it changed since the last look.
+    void refresh()
+    {
+        if (path_.empty()) return;
+        struct stat st {};
+        if (stat(path_.c_str(), &st) != 0) {
+            if (loaded_) {
+                rules_.clear();
+                loaded_ = false;
+            }
+            return;
+        }
+        if (loaded_ && st.st_ino == ino_ && st.st_size == size_ &&
+            st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec)
+            return;
+        FILE* f = fopen(path_.c_str(), "r");
+        if (!f) return;
+        std::vector<rule> rules;
+        char* buf = nullptr;
+        size_t cap = 0;
+        size_t lineno = 0;
+        ssize_t n;
+        while ((n = getline(&buf, &cap, f)) >= 0) {
+            ++lineno;
+            std::string line(buf, static_cast<size_t>(n));
+            while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+            if (line.empty() || line[0] == '#') continue;
+            auto fields = split_tabs(line);
+            rule r{};
+            r.line = lineno;
+            r.prefix = fields.size() > 1 ? unescape(fields[1]) : std::string();
+            if (fields[0] == "reply" && fields.size() >= 3) {
+                r.what = rule::kind::reply;
+                for (size_t i = 2; i < fields.size(); ++i) r.texts.push_back(unescape(fields[i]));
+            } else if (fields[0] == "silent" && fields.size() >= 2) {
+                r.what = rule::kind::silent;
+            } else if (fields[0] == "delay" && fields.size() >= 3) {
+                r.what = rule::kind::delay;
+                r.delay_ms = strtol(fields[2].c_str(), nullptr, 10);
+            } else {
+                fprintf(stderr, "dsp_sim: %s:%zu: bad rule ignored\n", path_.c_str(), lineno);
+                continue;
+            }
+            rules.push_back(std::move(r));
+        }
+        free(buf);
+        fclose(f);
+        rules_ = std::move(rules);
+        loaded_ = true;
+        ino_ = st.st_ino;
+        size_ = st.st_size;
+        mtime_ = st.st_mtim;
+    }
+
+    // The answer to a command: a text, or nothing for silence.
+    std::optional<std::string> answer(const std::string& command)
+    {
+        const rule* r = best(command, false);
+        if (!r) return std::string("[ok]");
+        if (r->what == rule::kind::silent) return std::nullopt;
+        // A sequence advances per rule; the key survives reloads of the file.
+        std::string key = r->prefix + '\t' + std::to_string(r->texts.size()) + '\t' + r->texts.front();
+        size_t& used = turns_[key];
+        const std::string& text = r->texts[std::min(used, r->texts.size() - 1)];
+        ++used;
+        return text;
+    }
+
+    long delay_ms(const std::string& command)
+    {
+        const rule* r = best(command, true);
+        return r ? r->delay_ms : 0;
+    }
+
+private:
+    const rule* best(const std::string& command, bool delay) const
+    {
+        const rule* found = nullptr;
+        for (const rule& r : rules_) {
+            if ((r.what == rule::kind::delay) != delay) continue;
+            if (!command.starts_with(r.prefix)) continue;
+            if (!found || r.prefix.size() >= found->prefix.size()) found = &r;
+        }
+        return found;
+    }
+
+    std::string path_;
+    std::vector<rule> rules_;
+    std::map<std::string, size_t> turns_;
+    bool loaded_ = false;
+    ino_t ino_ = 0;
+    off_t size_ = 0;
+    timespec mtime_{};
+};
+
+int queue_id = -1;
+bool remove_queue = false;
+
+void on_terminate(int)
+{
+    if (remove_queue && queue_id >= 0) msgctl(queue_id, IPC_RMID, nullptr);
+    _exit(0);
+}
+
+void usage()
+{
+    fputs("Usage: dsp_sim [--rules FILE] [--log FILE] [--ready FILE] [--create-delay-ms N]\n"
+          "               [--remove-on-exit] [--verbose]\n",
+          stderr);
+}
+
+bool parse_args(int argc, char** argv, options& o)
+{
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+        const char* v = nullptr;
+        if (a == "--rules" && (v = value())) o.rules_path = v;
+        else if (a == "--log" && (v = value())) o.log_path = v;
+        else if (a == "--ready" && (v = value())) o.ready_path = v;
+        else if (a == "--create-delay-ms" && (v = value())) o.create_delay_ms = strtol(v, nullptr, 10);
+        else if (a == "--remove-on-exit") o.remove_on_exit = true;
+        else if (a == "--verbose" || a == "-v") o.verbose = true;
+        else return false;
+    }
+    return true;
+}
+
+void write_all(int fd, const char* p, size_t n)
+{
+    while (n) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            perror("dsp_sim: log");
+            return;
+        }
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
+}
+
+struct request {
+    long type;
+    char text[RECV_MAX];
+};
+
+struct response {
+    long type;
+    char text[REPLY_MAX];
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    options o;
+    if (!parse_args(argc, argv, o)) {
+        usage();
+        return 2;
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    remove_queue = o.remove_on_exit;
+    signal(SIGTERM, on_terminate);
+    signal(SIGINT, on_terminate);
+
+    int log_fd = -1;
+    if (!o.log_path.empty()) {
+        log_fd = open(o.log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (log_fd < 0) {
+            perror("dsp_sim: open log");
+            return 1;
+        }
+    }
+
+    if (o.create_delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(o.create_delay_ms));
+    key_t key = ftok("/tmp", 0x111);
+    queue_id = msgget(key, IPC_CREAT | 0666);
+    if (queue_id < 0) {
+        perror("dsp_sim: msgget");
+        return 1;
+    }
+    if (!o.ready_path.empty()) {
+        int fd = open(o.ready_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd >= 0) close(fd);
+    }
+    if (o.verbose) printf("[dsp_sim] queue ready (key 0x%08x)\n", static_cast<unsigned>(key));
+
+    rule_book rules(o.rules_path);
+    static request req;
+    static response rsp;
+    for (;;) {
+        ssize_t n = msgrcv(queue_id, &req, sizeof req.text, REQUEST_TYPE, 0);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            perror("dsp_sim: msgrcv");
+            return 1;
+        }
+        size_t len = static_cast<size_t>(n);
+        if (log_fd >= 0) {
+            std::string rec = std::to_string(len) + ':';
+            rec.append(req.text, len);
+            rec += ',';
+            write_all(log_fd, rec.data(), rec.size());
+        }
+        // Rules see the text up to its first NUL, as the service would.
+        std::string command(req.text, strnlen(req.text, len));
+        rules.refresh();
+        long delay = rules.delay_ms(command);
+        std::optional<std::string> answer = rules.answer(command);
+        if (o.verbose)
+            printf("[dsp_sim] <- %s   -> %s\n", escape(command).c_str(),
+                   answer ? escape(*answer).c_str() : "(silent)");
+        if (!answer) continue;
+        if (delay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        size_t alen = std::min(answer->size(), REPLY_MAX - 1);
+        memcpy(rsp.text, answer->data(), alen);
+        rsp.text[alen] = '\0';
+        rsp.type = RESPONSE_TYPE;
+        while (msgsnd(queue_id, &rsp, alen + 1, 0) < 0) {
+            if (errno == EINTR) continue;
+            perror("dsp_sim: msgsnd");
+            break;
+        }
+    }
+}

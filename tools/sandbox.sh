@@ -1,0 +1,175 @@
+#!/bin/bash
+# sandbox.sh: a private root in which tty_hub runs against simulated peers.
+#
+#   sandbox.sh populate ROOT
+#       Lays out the sandbox root: fresh tmp, sdk, user, mnt, a writable
+#       stand-in of sys/class/gpio, mount points for etc, usr, proc and dev,
+#       and the default stand-in programs. Idempotent: what exists is kept.
+#   sandbox.sh standin ROOT PATH [STATUS]
+#       Makes PATH (as seen inside) a stand-in that appends "name args" to
+#       /.sb/standin.log and exits with STATUS (default 0; read at each call
+#       from /.sb/standin/NAME.status, so it may change at any time).
+#   sandbox.sh run [--bind DIR]... [--tty DEV:NAME]... ROOT CMD [ARG]...
+#       Runs CMD chrooted into ROOT inside private mount, IPC and PID
+#       namespaces. Killing this process (it becomes `unshare`) kills
+#       everything inside. DIR is bound read-only at its own path; DEV (a
+#       terminal, e.g. /dev/pts/3) is bound at /dev/NAME.
+#
+# Inside: usr is an overlay whose top layer (ROOT/.sb/usr) holds the stand-ins
+# over the host's /usr; bin, sbin, lib* point into usr as on the host; etc is
+# the host's /etc read-only; proc is fresh. ROOT/dev is a plain host directory
+# with null, zero, random, urandom, tty, ptmx and pts bound from the host, so
+# a test can create further device stand-ins (a FIFO, a file) from outside.
+# Mounts are private to the namespace: on the host ROOT holds only plain files.
+set -euo pipefail
+
+die() { echo "sandbox.sh: $*" >&2; exit 2; }
+
+# Host path inside ROOT that holds the stand-in for PATH.
+standin_file() {
+    local root=$1 path=$2
+    case "$path" in
+    /usr/*) echo "$root/.sb/usr/${path#/usr/}" ;;
+    /bin/* | /sbin/* | /lib*/*)
+        # On a merged-/usr host these point into usr, and so must the stand-in.
+        local first=${path#/}
+        first=${first%%/*}
+        local target
+        target=$(readlink "/$first" || true)
+        target=${target#/}
+        case "$target" in
+        usr/*) echo "$root/.sb/usr/${target#usr/}/${path#/"$first"/}" ;;
+        *) echo "$root$path" ;;
+        esac
+        ;;
+    /*) echo "$root$path" ;;
+    *) die "stand-in path must be absolute: $path" ;;
+    esac
+}
+
+make_standin() {
+    local root=$1 path=$2 status=${3:-}
+    local name file
+    name=$(basename "$path")
+    file=$(standin_file "$root" "$path")
+    mkdir -p "$(dirname "$file")" "$root/.sb/standin"
+    cat >"$file" <<EOF
+#!/bin/sh
+if [ \$# -gt 0 ]; then printf '%s\n' "$name \$*" >>/.sb/standin.log; else printf '%s\n' "$name" >>/.sb/standin.log; fi
+st=0
+[ -r /.sb/standin/$name.status ] && read -r st </.sb/standin/$name.status
+exit "\$st"
+EOF
+    chmod 0755 "$file"
+    if [ -n "$status" ]; then
+        echo "$status" >"$root/.sb/standin/$name.status.tmp"
+        mv "$root/.sb/standin/$name.status.tmp" "$root/.sb/standin/$name.status"
+    fi
+}
+
+populate() {
+    local root=$1
+    mkdir -p "$root"/{tmp,user,mnt,etc,usr,proc,dev/pts} "$root"/sdk/{config/xml,recorded,bin} \
+        "$root"/.sb/{usr,standin}
+    chmod 1777 "$root/tmp"
+    local gpio=$root/sys/class/gpio
+    mkdir -p "$gpio"
+    for f in export unexport; do [ -e "$gpio/$f" ] || : >"$gpio/$f"; done
+    for line in P5_02 P5_03 P6_00; do
+        mkdir -p "$gpio/$line"
+        for f in direction value; do [ -e "$gpio/$line/$f" ] || : >"$gpio/$line/$f"; done
+    done
+    for n in null zero random urandom tty ptmx; do [ -e "$root/dev/$n" ] || : >"$root/dev/$n"; done
+    # Follow the host: merged /usr gives symlinks, otherwise directories bound later.
+    for d in bin sbin lib lib32 lib64 libx32; do
+        if [ -L "/$d" ]; then
+            [ -L "$root/$d" ] || ln -s "$(readlink "/$d")" "$root/$d"
+        elif [ -d "/$d" ]; then
+            mkdir -p "$root/$d"
+        fi
+    done
+    for p in /usr/bin/devmem /usr/sbin/modprobe /usr/bin/udisk /usr/sbin/flashcp \
+        /usr/sbin/flash_eraseall /bin/ota_upg /sdk/bin/music_file; do
+        [ -e "$(standin_file "$root" "$p")" ] || make_standin "$root" "$p"
+    done
+    [ -e "$root/.sb/standin.log" ] || : >"$root/.sb/standin.log"
+}
+
+bind_ro() {
+    mount --bind "$1" "$2"
+    mount -o remount,bind,ro "$2"
+}
+
+run_inside() {
+    local binds=() ttys=()
+    while [ $# -gt 0 ]; do
+        case "$1" in
+        --bind) binds+=("$2"); shift 2 ;;
+        --tty) ttys+=("$2"); shift 2 ;;
+        --) shift; break ;;
+        *) break ;;
+        esac
+    done
+    [ $# -ge 2 ] || die "run: ROOT and CMD required"
+    local root
+    root=$(realpath "$1")
+    shift
+    [ "$root" != / ] || die "refusing / as the sandbox root"
+
+    # Nothing done here may reach the host's mount table.
+    mount --make-rprivate /
+    populate "$root"
+    mount -t overlay overlay -o "lowerdir=$root/.sb/usr:/usr" "$root/usr"
+    bind_ro /etc "$root/etc"
+    for d in bin sbin lib lib32 lib64 libx32; do
+        if [ -d "/$d" ] && [ ! -L "/$d" ]; then bind_ro "/$d" "$root/$d"; fi
+    done
+    for n in null zero random urandom tty ptmx; do mount --bind "/dev/$n" "$root/dev/$n"; done
+    mount --bind /dev/pts "$root/dev/pts"
+    local t dev name
+    for t in "${ttys[@]}"; do
+        dev=${t%%:*}
+        name=${t#*:}
+        [ -e "$root/dev/$name" ] || : >"$root/dev/$name"
+        mount --bind "$dev" "$root/dev/$name"
+    done
+    local b
+    for b in "${binds[@]}"; do
+        b=$(realpath "$b")
+        mkdir -p "$root$b"
+        bind_ro "$b" "$root$b"
+    done
+    mount -t proc proc "$root/proc"
+
+    local keep=()
+    local v
+    for v in $(compgen -e); do
+        case "$v" in ASAN_* | UBSAN_* | TSAN_* | LSAN_* | MSAN_*) keep+=("$v=${!v}") ;; esac
+    done
+    exec chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/ TERM=dumb \
+        "${keep[@]}" "$@"
+}
+
+[ $# -ge 1 ] || die "usage: sandbox.sh populate|standin|run ..."
+mode=$1
+shift
+case "$mode" in
+populate)
+    [ $# -eq 1 ] || die "usage: sandbox.sh populate ROOT"
+    populate "$1"
+    ;;
+standin)
+    [ $# -ge 2 ] || die "usage: sandbox.sh standin ROOT PATH [STATUS]"
+    mkdir -p "$1/.sb"
+    make_standin "$1" "$2" "${3:-0}"
+    ;;
+run)
+    [ "$(id -u)" -eq 0 ] || die "run needs root (mount namespaces, chroot)"
+    if [ -z "${TTY_HUB_SANDBOX_INSIDE:-}" ]; then
+        exec unshare --mount --ipc --pid --fork --kill-child --propagation private \
+            env TTY_HUB_SANDBOX_INSIDE=1 bash "$0" run "$@"
+    fi
+    run_inside "$@"
+    ;;
+*) die "unknown mode $mode" ;;
+esac
