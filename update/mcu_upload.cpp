@@ -108,6 +108,13 @@ bool next_message(uint8_t* buf)
 
 }  // namespace
 
+#if defined(__SANITIZE_ADDRESS__)
+// A worker cancelled here unwinds without ASan clearing the poison of its
+// stack frames, and ASan's own thread teardown then trips over it while it
+// removes its alternate signal stack. Address-checked builds run without one.
+extern "C" const char* __asan_default_options() { return "use_sigaltstack=0"; }
+#endif
+
 int mcu_firmware_upload()
 {
     unique_fd pkg(open(OTA_PACKAGE_PATH, O_RDONLY));

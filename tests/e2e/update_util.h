@@ -9,14 +9,9 @@
 
 namespace upd {
 
-inline void put_le32(std::string& s, size_t at, uint32_t v)
+inline void put32(std::string& s, size_t at, uint32_t v, bool big_endian = false)
 {
-    for (int i = 0; i < 4; ++i) s[at + i] = static_cast<char>(v >> (8 * i));
-}
-
-inline void put_be32(std::string& s, size_t at, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i) s[at + i] = static_cast<char>(v >> (24 - 8 * i));
+    for (int i = 0; i < 4; ++i) s[at + i] = static_cast<char>(v >> (big_endian ? 24 - 8 * i : 8 * i));
 }
 
 inline std::string pattern(size_t n, unsigned seed)
@@ -26,36 +21,28 @@ inline std::string pattern(size_t n, unsigned seed)
     return s;
 }
 
-// zlib's CRC-32, bit by bit: independent of the daemon's table form.
-inline uint32_t crc32(const std::string& s, size_t from)
+// zlib's CRC-32 of s from offset 12, bit by bit: independent of the daemon's table.
+inline uint32_t crc32(const std::string& s)
 {
     uint32_t c = 0xFFFFFFFF;
-    for (size_t i = from; i < s.size(); ++i) {
+    for (size_t i = 12; i < s.size(); ++i) {
         c ^= static_cast<uint8_t>(s[i]);
         for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1)));
     }
     return ~c;
 }
 
-// MD5 as lower-case hex, by the system's md5sum.
-inline std::string md5_hex(const e2e::Sandbox& sb, const std::string& data)
+// MD5 by the system's md5sum: lower-case hex, or the 16 raw bytes.
+inline std::string md5(const e2e::Sandbox& sb, const std::string& data, bool raw = false)
 {
-    std::string scratch = sb.root() + "/.md5_scratch";
+    std::string scratch = sb.root() + "/.md5_scratch", hex(32, '\0'), out;
     std::ofstream(scratch, std::ios::binary | std::ios::trunc) << data;
-    FILE* p = popen(("md5sum '" + scratch + "'").c_str(), "r");
-    char hex[33] = {};
-    if (p) {
-        if (fread(hex, 1, 32, p) != 32) hex[0] = 0;
+    if (FILE* p = popen(("md5sum '" + scratch + "'").c_str(), "r")) {
+        if (fread(hex.data(), 1, 32, p) != 32) hex.clear();
         pclose(p);
     }
-    return hex;
-}
-
-inline std::string md5_raw(const e2e::Sandbox& sb, const std::string& data)
-{
-    std::string hex = md5_hex(sb, data), raw;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) raw += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return raw;
+    for (size_t i = 0; raw && i + 1 < hex.size(); i += 2) out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return raw ? out : hex;
 }
 
 // A package of size bytes with the S8137 fields and a correct CRC field.
@@ -64,15 +51,15 @@ inline std::string ota_package(size_t size, uint32_t s8137_offset, uint32_t s813
     std::string p = pattern(size, 1);
     if (size >= 32) {
         memcpy(p.data(), "OTAHEAD1", 8);
-        put_le32(p, 24, s8137_offset);
-        put_le32(p, 28, s8137_length);
+        put32(p, 24, s8137_offset);
+        put32(p, 28, s8137_length);
     }
-    if (size >= 12) put_le32(p, 8, crc32(p, 12));
+    if (size >= 12) put32(p, 8, crc32(p));
     return p;
 }
 
 // Payload of an OTA state frame.
-inline e2e::bytes ota_state(uint8_t state, const std::string& tail)
+inline e2e::bytes ota_state(uint8_t state, const std::string& tail = "")
 {
     e2e::bytes b(12, 0);
     b[0] = state;
