@@ -191,6 +191,7 @@ int tuning_check(const tuning_cmd& cmd, const char* line, uint32_t* computed, ui
     *received = 0;
     size_t len = strlen(line);
     const char* last_blank = strrchr(line, ' ');
+    if (!last_blank) return -1;
     // K is the last word. Anything between the fields and it would reach the
     // DSP service unchecked, so the fields must end right at that blank.
     field_list f{line + (cmd.offset < len ? cmd.offset : len), last_blank};
@@ -247,16 +248,10 @@ int tuning_handle(std::string_view name, char* line)
     uint32_t computed = 0, received = 0;
     if (tool_tuning_check(name, line, &computed, &received) == 0 && computed == received)
         return tool_send_checked(line);
-    if (name == "output") {
-        printf("[DSPTOOL] wrong checksum 0x%x for: %s\n", received, line);
-    } else if (name == "drc") {
-        // drc cuts K before its comparison, so its log shows the line without it.
-        char* blank = strrchr(line, ' ');
-        if (blank) *blank = '\0';
-        printf("[DSPTOOL] wrong checksum 0x%x for: %s\n", computed, line);
-    } else {
-        printf("[DSPTOOL] wrong checksum 0x%x for: %s\n", computed, line);
-    }
+    // output logs the K it received; drc cuts K before its comparison, so
+    // its log shows the line without it.
+    if (name == "drc") *strrchr(line, ' ') = '\0';
+    printf("[DSPTOOL] wrong checksum 0x%x for: %s\n", name == "output" ? received : computed, line);
     return tuning_fail();
 }
 

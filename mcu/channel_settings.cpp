@@ -7,10 +7,6 @@
 #include "mcu/mcu_state.h"
 #include "mcu/settings.h"
 
-// These handlers read a fixed number of bytes and ignore the length: the frame
-// layer zero-fills its 512-byte area, so bytes a short frame did not carry
-// read as 0.
-
 namespace {
 
 constexpr std::array<int8_t, 12> delay_channel_map{0, 1, 4, 5, 2, 3, 6, 7, 8, 9, 10, 11};
@@ -43,8 +39,9 @@ int bm_gain_from_byte(uint8_t v)
     return static_cast<int>(gain);
 }
 
-int handler_vol(const uint8_t* p, uint8_t)
+int handler_vol(const uint8_t* frame, uint8_t len)
 {
+    auto p = fixed_payload<12>(frame, len);
     for (size_t i = 0; i < vol_channel_map.size(); ++i) {
         uint8_t v = p[i];
         if (mcu_state.vol_seen && v == mcu_state.last_vol[i]) continue;
@@ -56,8 +53,9 @@ int handler_vol(const uint8_t* p, uint8_t)
     return 0;
 }
 
-int handler_delay(const uint8_t* p, uint8_t)
+int handler_delay(const uint8_t* frame, uint8_t len)
 {
+    auto p = fixed_payload<12>(frame, len);
     for (size_t i = 0; i < delay_channel_map.size(); ++i) {
         uint8_t v = p[i];
         if (mcu_state.delay_seen && v == mcu_state.last_delay[i]) continue;
@@ -71,8 +69,9 @@ int handler_delay(const uint8_t* p, uint8_t)
     return 0;
 }
 
-int handler_bm(const uint8_t* p, uint8_t)
+int handler_bm(const uint8_t* frame, uint8_t len)
 {
+    auto p = fixed_payload<BM_POSITIONS>(frame, len);
     for (int i = 0; i < BM_POSITIONS; ++i) {
         uint8_t v = p[i];
         if (mcu_state.bm_seen && v == mcu_state.last_bm[i]) continue;

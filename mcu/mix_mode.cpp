@@ -135,10 +135,9 @@ void set_dsp_input_src(int id)
     s.current_source = id;
 }
 
-// Reads four bytes whatever the length; bytes a short frame did not carry
-// read as 0 (the frame layer zero-fills its buffer).
-int handler_mix_mode(const uint8_t* p, uint8_t)
+int handler_mix_mode(const uint8_t* frame, uint8_t len)
 {
+    auto p = fixed_payload<4>(frame, len);
     auto& s = mcu_state;
     set_dsp_input_src(p[0] & 0x0F);
 

@@ -41,10 +41,9 @@ void channel_pass(bool silence)
 
 }  // namespace
 
-// Reads four bytes whatever the length; bytes a short frame did not carry
-// read as 0 (the frame layer zero-fills its buffer).
-int handler_system_word(const uint8_t* p, uint8_t)
+int handler_system_word(const uint8_t* frame, uint8_t len)
 {
+    auto p = fixed_payload<4>(frame, len);
     auto& s = mcu_state;
 
     int hbr = p[0] >> 5;

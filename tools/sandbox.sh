@@ -25,74 +25,87 @@ set -euo pipefail
 
 die() { echo "sandbox.sh: $*" >&2; exit 2; }
 
-# Host path inside ROOT that holds the stand-in for PATH.
+# Sets STANDIN_FILE: the host path inside ROOT that holds the stand-in for PATH.
 standin_file() {
     local root=$1 path=$2
     case "$path" in
-    /usr/*) echo "$root/.sb/usr/${path#/usr/}" ;;
+    /usr/*) STANDIN_FILE="$root/.sb/usr/${path#/usr/}" ;;
     /bin/* | /sbin/* | /lib*/*)
         # On a merged-/usr host these point into usr, and so must the stand-in.
         local first=${path#/}
         first=${first%%/*}
-        local target
-        target=$(readlink "/$first" || true)
-        target=${target#/}
-        case "$target" in
-        usr/*) echo "$root/.sb/usr/${target#usr/}/${path#/"$first"/}" ;;
-        *) echo "$root$path" ;;
-        esac
+        if [ -L "/$first" ]; then
+            STANDIN_FILE="$root/.sb/usr/$first/${path#/"$first"/}"
+        else
+            STANDIN_FILE="$root$path"
+        fi
         ;;
-    /*) echo "$root$path" ;;
+    /*) STANDIN_FILE="$root$path" ;;
     *) die "stand-in path must be absolute: $path" ;;
     esac
 }
 
-make_standin() {
-    local root=$1 path=$2 status=${3:-}
-    local name file
-    name=$(basename "$path")
-    file=$(standin_file "$root" "$path")
-    mkdir -p "$(dirname "$file")" "$root/.sb/standin"
-    cat >"$file" <<EOF
-#!/bin/sh
-if [ \$# -gt 0 ]; then printf '%s\n' "$name \$*" >>/.sb/standin.log; else printf '%s\n' "$name" >>/.sb/standin.log; fi
-st=0
-[ -r /.sb/standin/$name.status ] && read -r st </.sb/standin/$name.status
-exit "\$st"
-EOF
-    chmod 0755 "$file"
-    if [ -n "$status" ]; then
-        echo "$status" >"$root/.sb/standin/$name.status.tmp"
-        mv "$root/.sb/standin/$name.status.tmp" "$root/.sb/standin/$name.status"
-    fi
+# Writes the stand-in script (no chmod: callers do that for all at once).
+write_standin() {
+    local root=$1 path=$2
+    local name=${path##*/}
+    standin_file "$root" "$path"
+    printf '%s\n' '#!/bin/sh' \
+        "if [ \$# -gt 0 ]; then printf '%s\\n' \"$name \$*\" >>/.sb/standin.log; else printf '%s\\n' '$name' >>/.sb/standin.log; fi" \
+        'st=0' \
+        "[ -r /.sb/standin/$name.status ] && read -r st </.sb/standin/$name.status" \
+        'exit "$st"' >"$STANDIN_FILE"
 }
 
+make_standin() {
+    local root=$1 path=$2 status=$3
+    local name=${path##*/}
+    standin_file "$root" "$path"
+    mkdir -p "${STANDIN_FILE%/*}" "$root/.sb/standin"
+    write_standin "$root" "$path"
+    chmod 0755 "$STANDIN_FILE"
+    echo "$status" >"$root/.sb/standin/$name.status.tmp"
+    mv "$root/.sb/standin/$name.status.tmp" "$root/.sb/standin/$name.status"
+}
+
+DEFAULT_STANDINS=(/usr/bin/devmem /usr/sbin/modprobe /usr/bin/udisk /usr/sbin/flashcp
+    /usr/sbin/flash_eraseall /bin/ota_upg /sdk/bin/music_file)
+
+# Few processes on purpose: every test starts with this.
 populate() {
     local root=$1
-    mkdir -p "$root"/{tmp,user,mnt,etc,usr,proc,dev/pts} "$root"/sdk/{config/xml,recorded,bin} \
-        "$root"/.sb/{usr,standin}
-    chmod 1777 "$root/tmp"
     local gpio=$root/sys/class/gpio
-    mkdir -p "$gpio"
+    mkdir -p "$root"/{tmp,user,mnt,etc,usr,proc,dev/pts} "$root"/sdk/{config/xml,recorded,bin} \
+        "$root"/.sb/{standin,usr/bin,usr/sbin} "$gpio"/{P5_02,P5_03,P6_00}
+    local f line n d
     for f in export unexport; do [ -e "$gpio/$f" ] || : >"$gpio/$f"; done
     for line in P5_02 P5_03 P6_00; do
-        mkdir -p "$gpio/$line"
         for f in direction value; do [ -e "$gpio/$line/$f" ] || : >"$gpio/$line/$f"; done
     done
     for n in null zero random urandom tty ptmx; do [ -e "$root/dev/$n" ] || : >"$root/dev/$n"; done
     # Follow the host: merged /usr gives symlinks, otherwise directories bound later.
+    local links=() dirs=()
     for d in bin sbin lib lib32 lib64 libx32; do
         if [ -L "/$d" ]; then
-            [ -L "$root/$d" ] || ln -s "$(readlink "/$d")" "$root/$d"
+            [ -L "$root/$d" ] || links+=("usr/$d")
         elif [ -d "/$d" ]; then
-            mkdir -p "$root/$d"
+            dirs+=("$root/$d")
         fi
     done
-    for p in /usr/bin/devmem /usr/sbin/modprobe /usr/bin/udisk /usr/sbin/flashcp \
-        /usr/sbin/flash_eraseall /bin/ota_upg /sdk/bin/music_file; do
-        [ -e "$(standin_file "$root" "$p")" ] || make_standin "$root" "$p"
+    [ ${#links[@]} -eq 0 ] || ln -s "${links[@]}" "$root/"
+    [ ${#dirs[@]} -eq 0 ] || mkdir -p "${dirs[@]}"
+    local made=() p
+    for p in "${DEFAULT_STANDINS[@]}"; do
+        standin_file "$root" "$p"
+        if [ ! -e "$STANDIN_FILE" ]; then
+            write_standin "$root" "$p"
+            made+=("$STANDIN_FILE")
+        fi
     done
+    [ ${#made[@]} -eq 0 ] || chmod 0755 "${made[@]}"
+    chmod 1777 "$root/tmp"
     [ -e "$root/.sb/standin.log" ] || : >"$root/.sb/standin.log"
+    : >"$root/.sb/populated"
 }
 
 bind_ro() {
@@ -118,7 +131,8 @@ run_inside() {
 
     # Nothing done here may reach the host's mount table.
     mount --make-rprivate /
-    populate "$root"
+    # What a test removed or changed on purpose stays as it is.
+    [ -e "$root/.sb/populated" ] || populate "$root"
     mount -t overlay overlay -o "lowerdir=$root/.sb/usr:/usr" "$root/usr"
     bind_ro /etc "$root/etc"
     for d in bin sbin lib lib32 lib64 libx32; do
@@ -160,11 +174,10 @@ populate)
     ;;
 standin)
     [ $# -ge 2 ] || die "usage: sandbox.sh standin ROOT PATH [STATUS]"
-    mkdir -p "$1/.sb"
     make_standin "$1" "$2" "${3:-0}"
     ;;
 run)
-    [ "$(id -u)" -eq 0 ] || die "run needs root (mount namespaces, chroot)"
+    [ "$EUID" -eq 0 ] || die "run needs root (mount namespaces, chroot)"
     if [ -z "${TTY_HUB_SANDBOX_INSIDE:-}" ]; then
         exec unshare --mount --ipc --pid --fork --kill-child --propagation private \
             env TTY_HUB_SANDBOX_INSIDE=1 bash "$0" run "$@"

@@ -429,7 +429,7 @@ void Sandbox::launch(const std::vector<std::string>& args)
     sh += ": >/.sb/launched\n";
     sh += quote(TTY_HUB_BIN);
     for (const auto& a : args) sh += " " + quote(a);
-    sh += " </dev/null >/.sb/stdout 2>/.sb/stderr\n";
+    sh += merge_streams_ ? " </dev/null >/.sb/stdout 2>&1\n" : " </dev/null >/.sb/stdout 2>/.sb/stderr\n";
     sh += "echo $? >/.sb/exit.tmp && mv /.sb/exit.tmp /.sb/exit\n";
     sh += "exec sleep infinity\n";
     put_file(root_ + "/.sb/run.sh", sh);

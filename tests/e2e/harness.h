@@ -77,6 +77,9 @@ public:
     // Returns its master descriptor, owned by the sandbox.
     int add_tty(const std::string& dev_path);
     int master_fd() const { return master_; }
+    // The test's own descriptor of the port's terminal: tcgetattr on it
+    // shows the settings the daemon made.
+    int slave_fd() const { return slave_; }
     const std::string& port() const { return port_; }
 
     // --- the daemon
@@ -85,6 +88,9 @@ public:
     // tty_hub with exactly these arguments.
     void start_exact(const std::vector<std::string>& args);
     bool started() const { return launcher_ > 0; }
+    // Before start(): standard error goes into output() too, in the order
+    // written, and errors() stays empty.
+    void merge_streams() { merge_streams_ = true; }
     // Exit status of tty_hub (128 + signal if killed), -1 while it runs.
     int wait_exit(int timeout_ms);
     bool wait_output(const std::string& text, int timeout_ms);
@@ -126,6 +132,7 @@ private:
     std::vector<std::string> extra_tty_paths_;
     long dsp_delay_ms_ = 0;
     bool gpio_fifos_ = false;
+    bool merge_streams_ = false;
     std::map<std::pair<int, std::string>, std::string> rules_;  // (kind, prefix) -> line
     pid_t launcher_ = -1;
     pid_t init_pid_ = -1;  // host pid of the namespace's init

@@ -18,68 +18,57 @@ int64_t sum_of(const char* name, const char* line, uint32_t* k = nullptr)
 }
 }  // namespace
 
-TEST(ToolTuningSum, WorkedExamples)
+TEST(ToolTuningSum, WorkedExamplesAndK)
 {
     uint32_t k = 0;
     EXPECT_EQ(sum_of("delay", "dsp delay 2 100 192", &k), 0x192);
     EXPECT_EQ(k, 0x192u);
     EXPECT_EQ(sum_of("bm", "dsp bm 0 9 1 1.5 2.5 -1.5 fffffe74", &k), 0xfffffe74);
     EXPECT_EQ(k, 0xfffffe74u);
-    EXPECT_EQ(sum_of("bm", "dsp bm 0 9 1 5"), 0 ^ (9 << 2) ^ (1 << 4));  // no F fields
-    EXPECT_EQ(sum_of("atmos", "dsp atmos 12 c", &k), 0xc);
-    EXPECT_EQ(sum_of("vol", "dsp vol 3 -2.5 fffffffb", &k), 0xfffffffb);
-    EXPECT_EQ(sum_of("output", "dsp output 4000000000 0", &k), 4000000000);
-    // K in capitals, with 0x, or followed by the CR of a CR LF line end.
+    EXPECT_EQ(sum_of("atmos", "dsp atmos 12 c"), 0xc);
     EXPECT_EQ(sum_of("vol", "dsp vol 3 -2.5 0xFFFFFFFB", &k), 0xfffffffb);
     EXPECT_EQ(k, 0xfffffffbu);
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 192\r", &k), 0x192);
+    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 192\r", &k), 0x192);  // CR goes with K
     EXPECT_EQ(k, 0x192u);
-
+    EXPECT_EQ(sum_of("output", "dsp output 4000000000 0"), 4000000000);
     const int32_t v[17] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 3};
     EXPECT_EQ(tool_tuning_sum(v, 17), 0x55555555u ^ 3u);  // position 16 shifts by 0 again
 }
 
 TEST(ToolTuningSum, SelectorsChooseTheRow)
 {
-    // atmos 8: a float third field only for second field 1 or 2.
-    EXPECT_EQ(sum_of("atmos", "dsp atmos 8 2 1.9 0"), 8 ^ (2 << 2) ^ (1 << 4));
-    EXPECT_EQ(sum_of("atmos", "dsp atmos 8 3 1.9 0"), -1);
-    EXPECT_EQ(sum_of("atmos", "dsp atmos 8 3 7 0"), 8 ^ (3 << 2) ^ (7 << 4));
-    EXPECT_EQ(sum_of("atmos", "dsp atmos 12 1 0"), -1);  // one field only
-    EXPECT_EQ(sum_of("atmos", "dsp atmos -1 4 0"), 0xffffffef);  // negative: row "other"
-    // virtualx: float for 5, 28, 55, 72, 90; integer for 6, 27, 56, 71, 91.
-    for (int sel : {5, 28, 55, 72, 90}) {
-        std::string line = "dsp virtualx " + std::to_string(sel) + " 2.5 0";
-        EXPECT_EQ(sum_of("virtualx", line.c_str()), sel ^ (2 << 2)) << sel;
-    }
-    for (int sel : {6, 27, 56, 71, 91}) {
-        std::string line = "dsp virtualx " + std::to_string(sel) + " 2.5 0";
-        EXPECT_EQ(sum_of("virtualx", line.c_str()), -1) << sel;
-    }
-    EXPECT_EQ(sum_of("bm", "dsp bm 1 2 3 4.5 5 0"), 1 ^ (2 << 2) ^ (3 << 4) ^ (4 << 6) ^ (5 << 8));
-    EXPECT_EQ(sum_of("bm", "dsp bm 1 20 3 0"), 1 ^ (20 << 2) ^ (3 << 4));
-    EXPECT_EQ(sum_of("filter", "dsp filter 1 12 3 0"), 1 ^ (12 << 2) ^ (3 << 4));
-    EXPECT_EQ(sum_of("filter", "dsp filter 1 10 3 4.5 0"), -1);
-    EXPECT_EQ(sum_of("drc", "dsp drc 8 1 0"), 8 ^ (1 << 2));
-    EXPECT_EQ(sum_of("drc", "dsp drc 7 1 2.5 0"), 7 ^ (1 << 2) ^ (2 << 4));
-    EXPECT_EQ(sum_of("matrix", "dsp matrix 17 1 0"), 17 ^ (1 << 2));
-    EXPECT_EQ(sum_of("matrix", "dsp matrix 1 2 3 4 0"), 1 ^ (2 << 2) ^ (3 << 4) ^ (4 << 6));
-    EXPECT_EQ(sum_of("truvol", "dsp truvol 2 -0.5 0"), 2);
-}
-
-TEST(ToolTuningSum, MalformedFieldsFail)
-{
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 192"), -1);           // field missing
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 1.5 192"), -1);       // float for an integer
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 7 192"), -1);     // field too many
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 192 "), -1);      // K is not the last word
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 19g"), -1);
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 "), -1);
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 4294967296 0"), -1);  // beyond 32 bits
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 1ffffffff"), -1);
-    EXPECT_EQ(sum_of("output", "dsp output -1 0"), -1);
-    EXPECT_EQ(sum_of("output", "dsp output 5"), -1);
-    EXPECT_EQ(sum_of("delay", "dsp delay 2 100 192\ndsp delay 2 100 192"), -1);
+    struct { const char* name; const char* line; int64_t sum; } rows[] = {
+        {"bm", "dsp bm 0 9 1 5", 0x34},               // no F fields
+        {"bm", "dsp bm 1 2 3 4.5 5 0", 0x439},         // I I I F I
+        {"bm", "dsp bm 1 20 3 0", 0x61},              // other: three fields
+        {"atmos", "dsp atmos 8 2 1.9 0", 0x10},
+        {"atmos", "dsp atmos 8 3 1.9 0", -1},         // integer third field
+        {"atmos", "dsp atmos 8 3 7 0", 0x74},
+        {"atmos", "dsp atmos 12 1 0", -1},
+        {"atmos", "dsp atmos -1 4 0", 0xffffffef},    // negative: other
+        {"virtualx", "dsp virtualx 5 2.5 0", 0xd},
+        {"virtualx", "dsp virtualx 90 2.5 0", 0x52},
+        {"virtualx", "dsp virtualx 56 2.5 0", -1},
+        {"virtualx", "dsp virtualx 71 2 0", 0x4f},
+        {"filter", "dsp filter 1 12 3 0", 0x1},
+        {"filter", "dsp filter 1 10 3 4.5 0", -1},
+        {"drc", "dsp drc 8 1 0", 0xc},
+        {"drc", "dsp drc 7 1 2.5 0", 0x23},
+        {"matrix", "dsp matrix 17 1 0", 0x15},
+        {"matrix", "dsp matrix 1 2 3 4 0", 0x139},
+        {"truvol", "dsp truvol 2 -0.5 0", 2},
+        // Missing, malformed or surplus fields; K not the last word.
+        {"delay", "dsp delay 2 192", -1},
+        {"delay", "dsp delay 2 1.5 192", -1},
+        {"delay", "dsp delay 2 100 7 192", -1},
+        {"delay", "dsp delay 2 100 192 ", -1},
+        {"delay", "dsp delay 2 100 19g", -1},
+        {"delay", "dsp delay 2 4294967296 0", -1},
+        {"delay", "dsp delay 2 100 1ffffffff", -1},
+        {"delay", "dsp delay 2 100 192\ndsp delay 2 100 192", -1},
+        {"output", "dsp output -1 0", -1},
+    };
+    for (const auto& r : rows) EXPECT_EQ(sum_of(r.name, r.line), r.sum) << r.line;
 }
 
 TEST(ToolTuningSum, FloatFieldsTruncateSaturateAndNaN)
@@ -87,15 +76,12 @@ TEST(ToolTuningSum, FloatFieldsTruncateSaturateAndNaN)
     EXPECT_EQ(tool_float_to_field(-2.5f), -2);
     EXPECT_EQ(tool_float_to_field(2.9f), 2);
     EXPECT_EQ(tool_float_to_field(2147483648.0f), INT32_MAX);
-    EXPECT_EQ(tool_float_to_field(1e30f), INT32_MAX);
     EXPECT_EQ(tool_float_to_field(std::numeric_limits<float>::infinity()), INT32_MAX);
     EXPECT_EQ(tool_float_to_field(-2147483648.0f), INT32_MIN);
     EXPECT_EQ(tool_float_to_field(-1e30f), INT32_MIN);
     EXPECT_EQ(tool_float_to_field(std::nanf("")), 0);
     EXPECT_EQ(tool_float_to_field(2147483520.0f), 2147483520);  // largest float below 2^31
-
-    EXPECT_EQ(sum_of("vol", "dsp vol 0 3e9 0"), 0x7FFFFFFFu << 2 & 0xFFFFFFFFu);
-    EXPECT_EQ(sum_of("vol", "dsp vol 0 -3e9 0"), 0);  // 0x80000000 << 2 loses its bit
+    EXPECT_EQ(sum_of("vol", "dsp vol 0 3e9 0"), 0xfffffffc);
     EXPECT_EQ(sum_of("vol", "dsp vol 1 nan 0"), 1);
 }
 
@@ -103,14 +89,12 @@ TEST(ToolReadbackSum, ShiftsRestartEveryEightBytes)
 {
     EXPECT_EQ(tool_readback_sum("abc", 3), 0x0194);
     EXPECT_EQ(tool_readback_sum("", 0), 0);
-    // Reference computed the long way, with a 64-bit accumulator cut at the end.
-    const char* text = "0123456789abcdefXYZ";
+    const char nine[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0x7f};  // the ninth byte is not shifted
+    EXPECT_EQ(tool_readback_sum(nine, 9), 0x7f);
+    const char* text = "0123456789abcdefXYZ";  // against a 64-bit reference
     uint64_t s = 0;
     for (size_t i = 0; i < strlen(text); ++i) s = (static_cast<uint8_t>(text[i]) ^ s) << (i & 7);
     EXPECT_EQ(tool_readback_sum(text, strlen(text)), static_cast<uint16_t>(s));
-    // The ninth byte is not shifted: after eight zero bytes the sum is that byte.
-    const char nine[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0x7f};
-    EXPECT_EQ(tool_readback_sum(nine, 9), 0x7f);
     const char high[2] = {static_cast<char>(0xff), static_cast<char>(0x80)};
-    EXPECT_EQ(tool_readback_sum(high, 2), ((0xff ^ 0x80) << 1));  // bytes count unsigned
+    EXPECT_EQ(tool_readback_sum(high, 2), (0xff ^ 0x80) << 1);  // bytes count unsigned
 }
