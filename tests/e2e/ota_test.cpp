@@ -28,6 +28,7 @@ TEST(OtaReception, GoodPackageIsMovedAndReportedThenControlCommands)
     e2e::Sandbox sb;
     // 8192 bytes: two full reads and a read of 0 end it; the CRC covers 8180.
     std::string pkg = upd::ota_package(8192, 0, 0);
+    sb.remove("/dev/vmb_ota");  // a file in place of the FIFO: the package is all there
     sb.write_file("/dev/vmb_ota", pkg);
     start(sb, false);
     EXPECT_EQ(e2e::frame_payload(sb.read_mcu_frame_cmd(0x23, 5000)), upd::ota_state(3, pkg.substr(12, 8)));
@@ -69,6 +70,7 @@ TEST(OtaReception, FailuresReportRpFail)
     };
     for (const auto& c : cases) {
         e2e::Sandbox sb;
+        sb.remove("/dev/vmb_ota");
         sb.write_file("/dev/vmb_ota", c.device);
         sb.write_file("/user/OTA_UPG.bin", "older package");
         if (!c.leftover.empty()) sb.write_file("/tmp/OTA_UPG.bin", c.leftover);
@@ -83,7 +85,6 @@ TEST(OtaReception, FailuresReportRpFail)
 TEST(OtaReception, ExitCancelsReceptionWaitingOnDevice)
 {
     e2e::Sandbox sb;
-    sb.make_fifo("/dev/vmb_ota");
     int fifo = open(sb.host_path("/dev/vmb_ota").c_str(), O_RDWR);
     ASSERT_GE(fifo, 0);
     start(sb);
