@@ -26,14 +26,6 @@ constexpr chmap_bit chmap_bits[] = {
     {6, 0x040}, {8, 0x080}, {9, 0x100}, {10, 0x200}, {11, 0x400}, {12, 0x800},
 };
 
-class music_lock_guard {
-public:
-    music_lock_guard() { pthread_mutex_lock(&mcu_state.music_lock); }
-    ~music_lock_guard() { pthread_mutex_unlock(&mcu_state.music_lock); }
-    music_lock_guard(const music_lock_guard&) = delete;
-    music_lock_guard& operator=(const music_lock_guard&) = delete;
-};
-
 void sem_take(sem_t* s)
 {
     while (sem_wait(s) != 0 && errno == EINTR) {
@@ -85,12 +77,10 @@ void play_music(uint8_t index, unsigned chmap, bool chmap_given)
         mcu_state.chmap_set = 1;
     }
     if (dsp_cmd(dsp_reply_ok, "dsp rec music 1 %s\n", mcu_state.music_path) != 0) return play_failed();
-    std::optional<long> waited;
-    {
-        // The monitor's pass and this wait never run at once.
-        music_lock_guard lock;
-        waited = dsp_wait_state("dsp rec musicState\n", 1, &mcu_state.music_state);
-    }
+    // The monitor's pass and this wait never run at once.
+    pthread_mutex_lock(&mcu_state.music_lock);
+    auto waited = dsp_wait_state("dsp rec musicState\n", 1, &mcu_state.music_state);
+    pthread_mutex_unlock(&mcu_state.music_lock);
     if (!waited || *waited > 1) return play_failed();
     printf("[MCU IF] start playing %s\n", mcu_state.music_path);
     make_audio_report();
@@ -160,17 +150,16 @@ void* music_monitor_thread(void*)
         usleep(500000);
         sem_take(&mcu_state.music_monitor_sem);
         cancel_point_close();
-        {
-            music_lock_guard lock;
-            if (mcu_state.music_state == 1) {
-                int state = dsp_cmd(dsp_reply_int, "dsp rec musicState\n");
-                if (state != 1) {
-                    mcu_state.music_state = state;
-                    get_audio_info(payload);
-                    send_audio_info(payload);
-                }
+        pthread_mutex_lock(&mcu_state.music_lock);
+        if (mcu_state.music_state == 1) {
+            int state = dsp_cmd(dsp_reply_int, "dsp rec musicState\n");
+            if (state != 1) {
+                mcu_state.music_state = state;
+                get_audio_info(payload);
+                send_audio_info(payload);
             }
         }
+        pthread_mutex_unlock(&mcu_state.music_lock);
         sem_post(&mcu_state.music_monitor_sem);
     }
     return nullptr;

@@ -4,7 +4,24 @@
 // and answers it with a type-1 reply whose text carries its terminating NUL.
 //
 //   dsp_sim [--rules FILE] [--log FILE] [--ready FILE] [--create-delay-ms N]
-//           [--remove-on-exit] [--verbose]
+//           [--model] [--remove-on-exit] [--verbose]
+//
+// Without --model every command gets "[ok]" unless a rule says otherwise.
+// With --model a small state model answers the queries with plausible values:
+//   "dsp vmb_Get_AudioInfo"  {Dolby_Atmos_Bit:..,Dolby_Surround_Bit:..,
+//                            Audio_Format:..,FS:..,DTS_DIALOG_BIT:..}
+//   "dsp s4_ch_eng"          {ENG_L:..,...,ENG_RTR:..}: a level per channel that
+//                            follows the volumes set by "dsp vol ID DB"
+//                            (0 for a channel at the floor or below -90 dB)
+//   "dsp rec state"          rec state:N  0 idle, 1 after "dsp rec mode 1 PATH",
+//                            3 after "dsp rec mode 0"
+//   "dsp rec musicState"     rec musicState:N  1 while music started by
+//                            "dsp rec music 1 PATH" plays (music_ms), then 2;
+//                            0 after "dsp rec music 0"
+//   "dsp alter state"        alter state:N  1 while a tone started by
+//                            "dsp alter PATH mode=1 ..." plays (tone_ms), else 0
+//   "dsp s4_filter ..", "dsp s4_drc .."   a read-back text
+// Values of the model are set in the rules file (see "set" below).
 //
 // Rules file: read again whenever it changed (new inode, size or mtime), so a
 // test may rewrite it at any time (write a new file and rename it over).
@@ -15,12 +32,16 @@
 //                                    turn, the last one then repeats
 //   silent PREFIX                    never answer
 //   delay  PREFIX  MS                wait MS milliseconds before answering
+//   set    KEY     VALUE             a value of the model: Dolby_Atmos_Bit,
+//                                    Dolby_Surround_Bit, Audio_Format, FS,
+//                                    DTS_DIALOG_BIT, tone_ms, music_ms
 //
 // PREFIX is matched against the start of the command text (its "\n"
 // included, so "dsp vol 1 " does not match "dsp vol 12"). The answer (reply
 // or silent) and the delay are chosen separately: for each, the rule with the
 // longest matching prefix wins, and of equal prefixes the later line. No
-// matching answer rule: "[ok]". An empty prefix matches every command.
+// matching answer rule: the model's answer, else "[ok]". An empty prefix matches
+// every command.
 // PREFIX and TEXT take the escapes \n \r \t \\ \0 and \xHH.
 //
 // Log file: every request in arrival order, exactly as received (all bytes
@@ -30,6 +51,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -59,6 +81,7 @@ struct options {
     long create_delay_ms = 0;
     bool remove_on_exit = false;
     bool verbose = false;
+    bool model = false;
 };
 
 struct rule {
@@ -154,6 +177,7 @@ public:
         FILE* f = fopen(path_.c_str(), "r");
         if (!f) return;
         std::vector<rule> rules;
+        std::map<std::string, long> settings;
         char* buf = nullptr;
         size_t cap = 0;
         size_t lineno = 0;
@@ -172,6 +196,9 @@ public:
                 for (size_t i = 2; i < fields.size(); ++i) r.texts.push_back(unescape(fields[i]));
             } else if (fields[0] == "silent" && fields.size() >= 2) {
                 r.what = rule::kind::silent;
+            } else if (fields[0] == "set" && fields.size() >= 3) {
+                settings[fields[1]] = strtol(fields[2].c_str(), nullptr, 10);
+                continue;
             } else if (fields[0] == "delay" && fields.size() >= 3) {
                 r.what = rule::kind::delay;
                 r.delay_ms = strtol(fields[2].c_str(), nullptr, 10);
@@ -184,16 +211,25 @@ public:
         free(buf);
         fclose(f);
         rules_ = std::move(rules);
+        settings_ = std::move(settings);
         loaded_ = true;
         ino_ = st.st_ino;
         size_ = st.st_size;
         mtime_ = st.st_mtim;
     }
 
-    // The answer to a command: a text, or nothing for silence.
-    std::optional<std::string> answer(const std::string& command)
+    long setting(const std::string& key, long fallback) const
+    {
+        auto it = settings_.find(key);
+        return it == settings_.end() ? fallback : it->second;
+    }
+
+    // The answer of a matching rule: a text, or nothing for silence; no
+    // matching rule: no_rule.
+    std::optional<std::string> answer(const std::string& command, bool& no_rule)
     {
         const rule* r = best(command, false);
+        no_rule = !r;
         if (!r) return std::string("[ok]");
         if (r->what == rule::kind::silent) return std::nullopt;
         // A sequence advances per rule; the key survives reloads of the file.
@@ -224,11 +260,93 @@ private:
 
     std::string path_;
     std::vector<rule> rules_;
+    std::map<std::string, long> settings_;
     std::map<std::string, size_t> turns_;
     bool loaded_ = false;
     ino_t ino_ = 0;
     off_t size_ = 0;
     timespec mtime_{};
+};
+
+// The DSP as far as the daemon can see it.
+class dsp_model {
+public:
+    explicit dsp_model(const rule_book& rules) : rules_(rules) {}
+
+    std::string answer(const std::string& c)
+    {
+        auto now = std::chrono::steady_clock::now();
+        auto ms = [&](std::chrono::steady_clock::time_point t) {
+            return std::chrono::duration_cast<std::chrono::milliseconds>(now - t).count();
+        };
+        long channel = 0;
+        double db = 0;
+        char path[256];
+        if (c == "dsp vmb_Get_AudioInfo\n") {
+            char text[256];
+            snprintf(text, sizeof text,
+                     "{Dolby_Atmos_Bit:%ld,Dolby_Surround_Bit:%ld,Audio_Format:%ld,FS:%ld,DTS_DIALOG_BIT:%ld}",
+                     rules_.setting("Dolby_Atmos_Bit", 0), rules_.setting("Dolby_Surround_Bit", 0),
+                     rules_.setting("Audio_Format", 1), rules_.setting("FS", 48000),
+                     rules_.setting("DTS_DIALOG_BIT", 0));
+            return text;
+        }
+        if (c == "dsp s4_ch_eng\n") return energies();
+        if (c == "dsp rec state\n") return "rec state:" + std::to_string(record_state_);
+        if (c == "dsp rec musicState\n") {
+            int state = music_state_;
+            if (state == 1 && ms(music_started_) > rules_.setting("music_ms", 5000)) state = music_state_ = 2;
+            return "rec musicState:" + std::to_string(state);
+        }
+        if (c == "dsp alter state\n")
+            return std::string("alter state:") +
+                   (tone_ && ms(tone_started_) <= rules_.setting("tone_ms", 2000) ? "1" : "0");
+        if (sscanf(c.c_str(), "dsp vol %ld %lf", &channel, &db) == 2) {
+            volume_db_[channel] = db;
+        } else if (sscanf(c.c_str(), "dsp rec mode 1 %255s", path) == 1) {
+            record_state_ = 1;
+        } else if (c == "dsp rec mode 0\n") {
+            record_state_ = 3;
+        } else if (sscanf(c.c_str(), "dsp rec music 1 %255s", path) == 1) {
+            music_state_ = 1;
+            music_started_ = now;
+        } else if (c == "dsp rec music 0\n") {
+            music_state_ = 0;
+        } else if (c.starts_with("dsp alter ") && c.find(" mode=1") != std::string::npos) {
+            tone_ = true;
+            tone_started_ = now;
+        } else if (c.starts_with("dsp s4_filter") || c.starts_with("dsp s4_drc")) {
+            return "filter 0: fc=1000 q=0.707 gain=0.0\n[ok]";
+        }
+        return "[ok]";
+    }
+
+private:
+    // A level per channel: a fixed programme shape, moved by the volume.
+    std::string energies() const
+    {
+        static const char* const keys[] = {"ENG_L",  "ENG_R",   "ENG_C",   "ENG_SUB", "ENG_LS",  "ENG_RS",
+                                           "ENG_LRS", "ENG_RRS", "ENG_LTF", "ENG_RTF", "ENG_LTR", "ENG_RTR"};
+        static const int shape[] = {12, 12, 11, 10, 9, 9, 7, 7, 6, 6, 5, 5};
+        double sum = 0;
+        for (const auto& [ch, db] : volume_db_) sum += db;
+        double mean = volume_db_.empty() ? 0 : sum / static_cast<double>(volume_db_.size());
+        std::string out = "{";
+        for (int i = 0; i < 12; ++i) {
+            long level = mean <= -90 ? 0 : std::lround(shape[i] + mean / 6);
+            level = std::clamp(level, 0L, 15L);
+            out += std::string(i ? "," : "") + keys[i] + ":" + std::to_string(level);
+        }
+        return out + "}";
+    }
+
+    const rule_book& rules_;
+    std::map<long, double> volume_db_;
+    int record_state_ = 0;
+    int music_state_ = 0;
+    std::chrono::steady_clock::time_point music_started_{};
+    bool tone_ = false;
+    std::chrono::steady_clock::time_point tone_started_{};
 };
 
 int queue_id = -1;
@@ -243,7 +361,7 @@ void on_terminate(int)
 void usage()
 {
     fputs("Usage: dsp_sim [--rules FILE] [--log FILE] [--ready FILE] [--create-delay-ms N]\n"
-          "               [--remove-on-exit] [--verbose]\n",
+          "               [--model] [--remove-on-exit] [--verbose]\n",
           stderr);
 }
 
@@ -258,6 +376,7 @@ bool parse_args(int argc, char** argv, options& o)
         else if (a == "--ready" && (v = value())) o.ready_path = v;
         else if (a == "--create-delay-ms" && (v = value())) o.create_delay_ms = strtol(v, nullptr, 10);
         else if (a == "--remove-on-exit") o.remove_on_exit = true;
+        else if (a == "--model") o.model = true;
         else if (a == "--verbose" || a == "-v") o.verbose = true;
         else return false;
     }
@@ -325,6 +444,7 @@ int main(int argc, char** argv)
     if (o.verbose) printf("[dsp_sim] queue ready (key 0x%08x)\n", static_cast<unsigned>(key));
 
     rule_book rules(o.rules_path);
+    dsp_model model(rules);
     static request req;
     static response rsp;
     for (;;) {
@@ -345,7 +465,9 @@ int main(int argc, char** argv)
         std::string command(req.text, strnlen(req.text, len));
         rules.refresh();
         long delay = rules.delay_ms(command);
-        std::optional<std::string> answer = rules.answer(command);
+        bool no_rule = false;
+        std::optional<std::string> answer = rules.answer(command, no_rule);
+        if (no_rule && o.model) answer = model.answer(command);
         if (o.verbose)
             printf("[dsp_sim] <- %s   -> %s\n", escape(command).c_str(),
                    answer ? escape(*answer).c_str() : "(silent)");

@@ -207,6 +207,12 @@ Sandbox::Sandbox(std::string port) : port_(std::move(port))
 Sandbox::~Sandbox()
 {
     shutdown();
+    // Sanitizer reports of the daemon or the stand-in fail the test that ran them.
+    for (const char* f : {"/.sb/stdout", "/.sb/stderr", "/.sb/dsp.out"}) {
+        std::string text = slurp(root_ + f);
+        for (const char* mark : {"Sanitizer", "runtime error:"})
+            if (text.find(mark) != std::string::npos) ADD_FAILURE() << f << " holds a sanitizer report:\n" << text;
+    }
     if (master_ >= 0) close(master_);
     if (slave_ >= 0) close(slave_);
     for (auto& t : extra_ttys_) {
