@@ -18,58 +18,91 @@ if [ ${#missing[@]} -gt 0 ]; then
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-build=$src/build-demo
+# TTY_HUB_BUILD_DIR: an existing build tree to use (CI passes its own).
+build=${TTY_HUB_BUILD_DIR:-$src/build-demo}
+build=$(realpath -m "$build")
 echo "== building tty_hub and the simulators in $build"
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTTY_HUB_TESTS=OFF >"$build.log" 2>&1 || { cat "$build.log"; exit 1; }
-cmake --build "$build" -j2 --target tty_hub dsp_sim mcu_sim >>"$build.log" 2>&1 || { tail -40 "$build.log"; exit 1; }
+if [ ! -f "$build/CMakeCache.txt" ]; then
+    mkdir -p "$build"
+    cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTTY_HUB_TESTS=OFF >"$build/demo-build.log" 2>&1 ||
+        { cat "$build/demo-build.log"; exit 1; }
+fi
+cmake --build "$build" -j2 --target tty_hub dsp_sim mcu_sim tool_sim >>"$build/demo-build.log" 2>&1 ||
+    { tail -40 "$build/demo-build.log"; exit 1; }
 
-root=$(mktemp -d "$build/demo-root.XXXXXX")
+root=
 launcher=
-cleanup() {
-    [ -n "$launcher" ] && kill -KILL "$launcher" 2>/dev/null && wait "$launcher" 2>/dev/null
-    # Mounts live in the sandbox's own namespace; refuse to delete if one is visible here.
-    if grep -q " $root[/ ]" /proc/self/mountinfo; then
-        echo "demo.sh: mounts under $root are visible; left in place" >&2
-    else
-        rm -rf "$root"
+stop_session() {
+    if [ -n "$launcher" ]; then
+        kill -KILL "$launcher" 2>/dev/null || true
+        wait "$launcher" 2>/dev/null || true
     fi
+    launcher=
+    if [ -n "$root" ]; then
+        # Mounts live in the sandbox's own namespace; refuse to delete if one is visible here.
+        if grep -q " $root[/ ]" /proc/self/mountinfo; then
+            echo "demo.sh: mounts under $root are visible; left in place" >&2
+        else
+            rm -rf "$root"
+        fi
+    fi
+    root=
 }
-trap cleanup EXIT
+trap stop_session EXIT
 
-bash tools/sandbox.sh populate "$root"
-# What the simulated DSP reports: PCM (format 1) at 48 kHz.
-printf 'set\tAudio_Format\t1\nset\tFS\t48000\n' >"$root/.sb/dsp.rules"
-cat >"$root/.sb/run.sh" <<INNER
+# session PORT SIMULATOR [COMMAND]...: a fresh sandbox with dsp_sim and
+# tty_hub on PORT; the simulator makes the pty and runs the commands, in
+# which @ROOT@ stands for the sandbox root as the host sees it.
+session() {
+    local port=$1 simulator=$2
+    shift 2
+    root=$(mktemp -d "$build/demo-root.XXXXXX")
+    bash tools/sandbox.sh populate "$root"
+    # What the simulated DSP reports: PCM (format 1) at 48 kHz.
+    printf 'set\tAudio_Format\t1\nset\tFS\t48000\n' >"$root/.sb/dsp.rules"
+    cat >"$root/.sb/run.sh" <<INNER
 #!/bin/sh
 '$build/tools/dsp_sim' --model --verbose --rules /.sb/dsp.rules --ready /.sb/dsp.ready &
 while [ ! -e /.sb/dsp.ready ]; do sleep 0.05; done
-'$build/tty_hub' -p /dev/ttyS1 2>&1 | sed -u 's/^/[tty_hub] /'
+'$build/tty_hub' -p $port 2>&1 | sed -u 's/^/[tty_hub] /'
 INNER
+    local args=() a
+    for a in "$@"; do args+=("${a//@ROOT@/$root}"); done
+    "$build/tools/$simulator" --pty "$root/.sb/pty" "${args[@]}" &
+    local sim=$!
+    for _ in $(seq 100); do [ -s "$root/.sb/pty" ] && break; sleep 0.05; done
+    bash tools/sandbox.sh run --bind "$build" --tty "$(cat "$root/.sb/pty"):${port#/dev/}" "$root" /bin/sh /.sb/run.sh &
+    launcher=$!
+    local status=0
+    wait "$sim" || status=$?
+    sleep 0.2
+    stop_session
+    return $status
+}
 
-echo "== starting: mcu_sim on a new pty, then dsp_sim and tty_hub in the sandbox"
-"$build/tools/mcu_sim" --pty "$root/.sb/pty" \
+echo
+echo "== MCU link: mcu_sim on a new pty bound at /dev/ttyS1, dsp_sim and tty_hub in a sandbox"
+session /dev/ttyS1 mcu_sim \
     "wait 0x20 10000" \
     "vol 60" \
     "listen 500" \
     "vol 60 60 70 60 60 60 60 60 60 60 60 0" \
     "listen 500" \
-    "notify $root/tmp/mcu_if_pipe" \
+    "notify @ROOT@/tmp/mcu_if_pipe" \
     "wait 0x21 3000" \
     "record report" \
-    "wait 0x20 3000" &
-mcu=$!
-for _ in $(seq 100); do [ -s "$root/.sb/pty" ] && break; sleep 0.05; done
-bash tools/sandbox.sh run --bind "$build" --tty "$(cat "$root/.sb/pty"):ttyS1" "$root" /bin/sh /.sb/run.sh &
-launcher=$!
+    "wait 0x20 3000" || { echo "== demo FAILED on the MCU link"; exit 1; }
+echo "== the volume frames became \"dsp vol\" commands (the second one only for the changed"
+echo "   channels), and the audio status report shows the volume applied."
 
-status=0
-wait "$mcu" || status=$?
-sleep 0.2
 echo
-if [ $status -eq 0 ]; then
-    echo "== demo finished: the volume frames became \"dsp vol\" commands (only the changed"
-    echo "   channels the second time), and the audio status report shows the volume applied."
-else
-    echo "== demo FAILED (mcu_sim status $status)"
-fi
-exit $status
+echo "== Tool link: tool_sim on a new pty bound at /dev/ttyS2"
+printf 'demo configuration\n' >"$build/demo-cfg.bin"
+session /dev/ttyS2 tool_sim \
+    "probe" \
+    "tune vol 3 -2.5" \
+    "tune-bad delay 2 100" \
+    "query s4_prf" \
+    "push $build/demo-cfg.bin cfg.bin 8" || { echo "== demo FAILED on the tool link"; exit 1; }
+echo "== checked tuning lines reached the DSP service without their checksum, a wrong one was"
+echo "   refused, the read-back reply verified, and the configuration file arrived in chunks."

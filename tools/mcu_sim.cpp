@@ -35,51 +35,16 @@
 //                       writes the firmware to OUT, and ends with "UPDATA_SUCC!"
 // Numbers may be decimal or 0x hex. Exit status: 0, or 1 at the first failed
 // command.
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <fstream>
 #include <map>
 #include <optional>
-#include <poll.h>
 #include <sstream>
-#include <string>
-#include <termios.h>
-#include <thread>
-#include <unistd.h>
-#include <vector>
+
+#include "tools/sim_port.h"
 
 namespace {
 
-using bytes = std::vector<uint8_t>;
-using steady = std::chrono::steady_clock;
-
-int port_fd = -1;
+using namespace sim;
 bool quiet = false;
-bytes inbox;  // bytes read but not yet taken apart
-
-[[noreturn]] void fail(const std::string& what)
-{
-    fprintf(stderr, "[mcu] %s\n", what.c_str());
-    exit(1);
-}
-
-std::string hex(const uint8_t* p, size_t n)
-{
-    std::string out;
-    char buf[4];
-    for (size_t i = 0; i < n; ++i) {
-        snprintf(buf, sizeof buf, i ? " %02X" : "%02X", p[i]);
-        out += buf;
-    }
-    return out;
-}
-std::string hex(const bytes& b) { return hex(b.data(), b.size()); }
 
 uint8_t check_digit(const uint8_t* p, size_t n)
 {
@@ -97,54 +62,6 @@ bytes make_frame(uint8_t cmd, const bytes& payload)
     f.insert(f.end(), payload.begin(), payload.end());
     f.push_back(check_digit(f.data() + 1, f.size() - 1));
     return f;
-}
-
-long number(const std::string& s)
-{
-    char* end = nullptr;
-    long v = strtol(s.c_str(), &end, 0);
-    if (s.empty() || *end) fail("not a number: " + s);
-    return v;
-}
-
-void write_all(const bytes& b)
-{
-    size_t done = 0;
-    while (done < b.size()) {
-        ssize_t w = write(port_fd, b.data() + done, b.size() - done);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            if (errno == EAGAIN) {
-                pollfd p{port_fd, POLLOUT, 0};
-                poll(&p, 1, 100);
-                continue;
-            }
-            fail(std::string("write: ") + strerror(errno));
-        }
-        done += static_cast<size_t>(w);
-    }
-}
-
-// Reads what is there within ms; false on time-out.
-bool fill(int ms)
-{
-    pollfd p{port_fd, POLLIN, 0};
-    if (poll(&p, 1, ms) <= 0) return false;
-    uint8_t buf[4096];
-    ssize_t r = read(port_fd, buf, sizeof buf);
-    if (r <= 0) {
-        if (r < 0 && (errno == EAGAIN || errno == EINTR)) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        return false;
-    }
-    inbox.insert(inbox.end(), buf, buf + r);
-    return true;
-}
-
-int ms_left(steady::time_point deadline)
-{
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
 }
 
 // ---- decoding of the daemon's frames
@@ -291,16 +208,6 @@ void listen(int ms)
 
 // ---- firmware upload, the MCU's side
 
-bytes read_exact(size_t n, int ms)
-{
-    auto deadline = steady::now() + std::chrono::milliseconds(ms);
-    while (inbox.size() < n && ms_left(deadline) > 0) fill(ms_left(deadline));
-    size_t take = std::min(n, inbox.size());
-    bytes out(inbox.begin(), inbox.begin() + static_cast<long>(take));
-    inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(take));
-    return out;
-}
-
 bytes read_request(uint32_t offset, uint32_t length)
 {
     bytes r = {'R', 'E', 'A', 'D'};
@@ -315,7 +222,7 @@ bool fetch(const bytes& package, uint32_t offset, uint32_t length, bytes& got)
     size_t pos = offset == 0xFFFFFFFFu ? 0 : static_cast<size_t>(offset) + 2048;
     size_t n = pos >= package.size() ? 0 : std::min<size_t>(length, package.size() - pos);
     write_all(read_request(offset, length));
-    bytes reply = read_exact((n + 7) & ~size_t{3}, 5000);
+    bytes reply = take((n + 7) & ~size_t{3}, 5000);
     if (reply.size() != ((n + 7) & ~size_t{3})) {
         printf("[mcu] READ 0x%08X+%u: %zu bytes came, %zu expected\n", offset, length, reply.size(),
                (n + 7) & ~size_t{3});
@@ -459,9 +366,7 @@ void send_frame(const char* what, uint8_t cmd, const bytes& payload)
 
 bool run(const std::string& line)
 {
-    std::istringstream in(line);
-    std::vector<std::string> w;
-    for (std::string t; in >> t;) w.push_back(t);
+    std::vector<std::string> w = words(line);
     if (w.empty() || w[0][0] == '#') return true;
     const std::string& op = w[0];
     std::vector<std::string> args(w.begin() + 1, w.end());
@@ -546,62 +451,12 @@ bool run(const std::string& line)
     fail("unknown command: " + op);
 }
 
-void open_port(const std::string& port, const std::string& pty_file)
-{
-    if (!pty_file.empty()) {
-        port_fd = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (port_fd < 0 || grantpt(port_fd) || unlockpt(port_fd)) fail("cannot make a pseudo-terminal");
-        const char* name = ptsname(port_fd);
-        // Kept open, raw: no echo and no hang-up before the daemon opens it.
-        int slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-        termios t{};
-        tcgetattr(slave, &t);
-        cfmakeraw(&t);
-        tcsetattr(slave, TCSANOW, &t);
-        std::ofstream(pty_file) << name << "\n";
-    } else {
-        port_fd = open(port.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (port_fd < 0) fail("cannot open " + port + ": " + strerror(errno));
-        termios t{};
-        tcgetattr(port_fd, &t);
-        cfmakeraw(&t);
-        cfsetspeed(&t, B115200);
-        tcsetattr(port_fd, TCSANOW, &t);
-    }
-    fcntl(port_fd, F_SETFL, fcntl(port_fd, F_GETFL) | O_NONBLOCK);
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    std::string port, pty_file;
-    std::vector<std::string> commands;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        if ((a == "--port" || a == "--pty" || a == "-f") && i + 1 < argc) {
-            std::string v = argv[++i];
-            if (a == "--port") port = v;
-            else if (a == "--pty") pty_file = v;
-            else {
-                std::ifstream in(v);
-                if (!in) fail("cannot read " + v);
-                for (std::string line; std::getline(in, line);) commands.push_back(line);
-            }
-        } else if (a == "--quiet" || a == "-q") {
-            quiet = true;
-        } else if (a == "-h" || a == "--help") {
-            puts("Usage: mcu_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
-                 "See the head of tools/mcu_sim.cpp for the commands.");
-            return 0;
-        } else {
-            commands.push_back(a);
-        }
-    }
-    if (port.empty() == pty_file.empty()) fail("give one of --port DEV or --pty FILE");
-    open_port(port, pty_file);
-    for (const auto& c : commands)
-        if (!run(c)) return 1;
-    return 0;
+    return run_main(argc, argv, "[mcu]",
+                    "Usage: mcu_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
+                    "See the head of tools/mcu_sim.cpp for the commands.",
+                    quiet, run);
 }
