@@ -18,12 +18,17 @@ if [ ${#missing[@]} -gt 0 ]; then
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-build=$src/build-demo
+# TTY_HUB_BUILD_DIR: an existing build tree to use (CI passes its own).
+build=${TTY_HUB_BUILD_DIR:-$src/build-demo}
+build=$(realpath -m "$build")
 echo "== building tty_hub and the simulators in $build"
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTTY_HUB_TESTS=OFF >"$build.log" 2>&1 || { cat "$build.log"; exit 1; }
-cmake --build "$build" -j2 --target tty_hub dsp_sim mcu_sim >>"$build.log" 2>&1 || { tail -40 "$build.log"; exit 1; }
-
-cmake --build "$build" -j2 --target tool_sim >>"$build.log" 2>&1 || { tail -40 "$build.log"; exit 1; }
+if [ ! -f "$build/CMakeCache.txt" ]; then
+    mkdir -p "$build"
+    cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTTY_HUB_TESTS=OFF >"$build/demo-build.log" 2>&1 ||
+        { cat "$build/demo-build.log"; exit 1; }
+fi
+cmake --build "$build" -j2 --target tty_hub dsp_sim mcu_sim tool_sim >>"$build/demo-build.log" 2>&1 ||
+    { tail -40 "$build/demo-build.log"; exit 1; }
 
 root=
 launcher=

@@ -67,6 +67,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tools/dsp_rules.h"
+
 namespace {
 
 constexpr long REQUEST_TYPE = 2;
@@ -91,57 +93,6 @@ struct rule {
     long delay_ms = 0;               // delay
     size_t line = 0;
 };
-
-std::string unescape(const std::string& s)
-{
-    std::string out;
-    for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] != '\\' || i + 1 == s.size()) {
-            out += s[i];
-            continue;
-        }
-        char c = s[++i];
-        switch (c) {
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        case 't': out += '\t'; break;
-        case '0': out += '\0'; break;
-        case 'x':
-            if (i + 2 < s.size() && isxdigit(static_cast<unsigned char>(s[i + 1])) &&
-                isxdigit(static_cast<unsigned char>(s[i + 2]))) {
-                out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
-                i += 2;
-            } else {
-                out += "\\x";
-            }
-            break;
-        default: out += c; break;
-        }
-    }
-    return out;
-}
-
-std::string escape(const std::string& s)
-{
-    std::string out;
-    for (unsigned char c : s) {
-        switch (c) {
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        case '\\': out += "\\\\"; break;
-        default:
-            if (c < 0x20 || c >= 0x7F) {
-                char hex[8];
-                snprintf(hex, sizeof hex, "\\x%02x", c);
-                out += hex;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    return out;
-}
 
 std::vector<std::string> split_tabs(const std::string& line)
 {
@@ -190,10 +141,10 @@ public:
             auto fields = split_tabs(line);
             rule r{};
             r.line = lineno;
-            r.prefix = fields.size() > 1 ? unescape(fields[1]) : std::string();
+            r.prefix = fields.size() > 1 ? dsp_rules::unescape(fields[1]) : std::string();
             if (fields[0] == "reply" && fields.size() >= 3) {
                 r.what = rule::kind::reply;
-                for (size_t i = 2; i < fields.size(); ++i) r.texts.push_back(unescape(fields[i]));
+                for (size_t i = 2; i < fields.size(); ++i) r.texts.push_back(dsp_rules::unescape(fields[i]));
             } else if (fields[0] == "silent" && fields.size() >= 2) {
                 r.what = rule::kind::silent;
             } else if (fields[0] == "set" && fields.size() >= 3) {
@@ -473,8 +424,8 @@ int main(int argc, char** argv)
         std::optional<std::string> answer = rules.answer(command, no_rule);
         if (no_rule && o.model) answer = model.answer(command);
         if (o.verbose)
-            printf("[dsp_sim] <- %s   -> %s\n", escape(command).c_str(),
-                   answer ? escape(*answer).c_str() : "(silent)");
+            printf("[dsp_sim] <- %s   -> %s\n", dsp_rules::escape(command).c_str(),
+                   answer ? dsp_rules::escape(*answer).c_str() : "(silent)");
         if (!answer) continue;
         if (delay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         size_t alen = std::min(answer->size(), REPLY_MAX - 1);

@@ -455,13 +455,8 @@ bool run(const std::string& line)
 
 int main(int argc, char** argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    tag = "[mcu]";
-    auto commands = parse_command_line(argc, argv,
-                                       "Usage: mcu_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
-                                       "See the head of tools/mcu_sim.cpp for the commands.",
-                                       quiet);
-    for (const auto& c : commands)
-        if (!run(c)) return 1;
-    return 0;
+    return run_main(argc, argv, "[mcu]",
+                    "Usage: mcu_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
+                    "See the head of tools/mcu_sim.cpp for the commands.",
+                    quiet, run);
 }

@@ -181,6 +181,18 @@ inline std::vector<std::string> parse_command_line(int argc, char** argv, const 
     return commands;
 }
 
+// A simulator's main: line-buffered output, the common command line, then
+// each command in turn; 1 at the first that fails.
+inline int run_main(int argc, char** argv, const char* name, const char* usage, bool& quiet,
+                    bool (*run)(const std::string&))
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    tag = name;
+    for (const auto& c : parse_command_line(argc, argv, usage, quiet))
+        if (!run(c)) return 1;
+    return 0;
+}
+
 inline std::vector<std::string> words(const std::string& line)
 {
     std::vector<std::string> w;

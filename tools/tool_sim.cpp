@@ -239,13 +239,8 @@ bool run(const std::string& line)
 
 int main(int argc, char** argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    tag = "[tool]";
-    auto commands = parse_command_line(argc, argv,
-                                       "Usage: tool_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
-                                       "See the head of tools/tool_sim.cpp for the commands.",
-                                       quiet);
-    for (const auto& c : commands)
-        if (!run(c)) return 1;
-    return 0;
+    return run_main(argc, argv, "[tool]",
+                    "Usage: tool_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
+                    "See the head of tools/tool_sim.cpp for the commands.",
+                    quiet, run);
 }

@@ -1,4 +1,5 @@
 #include "tests/e2e/harness.h"
+#include "tools/dsp_rules.h"
 
 #include <algorithm>
 #include <atomic>
@@ -58,30 +59,6 @@ std::string quote(const std::string& s)
     return out + "'";
 }
 
-// Escapes of the dsp_sim rules file.
-std::string rule_escape(const std::string& s)
-{
-    std::string out;
-    for (unsigned char c : s) {
-        switch (c) {
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        case '\\': out += "\\\\"; break;
-        case '\0': out += "\\0"; break;
-        default:
-            if (c < 0x20 || c == 0x7F) {
-                char buf[8];
-                snprintf(buf, sizeof buf, "\\x%02x", c);
-                out += buf;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    return out;
-}
-
 int ms_left(clock_type::time_point deadline)
 {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now()).count();
@@ -100,24 +77,32 @@ bool poll_until(Pred pred, int timeout_ms)
     }
 }
 
+// Starts argv with no input, its output appended to log and no other
+// descriptor of ours; its pid, or -1.
+pid_t spawn(const std::vector<std::string>& argv, const std::string& log)
+{
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    int in = open("/dev/null", O_RDONLY);
+    int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (in >= 0) dup2(in, 0);
+    if (out >= 0) {
+        dup2(out, 1);
+        dup2(out, 2);
+    }
+    close_range(3, ~0U, 0);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
 // Runs argv to its end; its exit status or -1.
 int run_to_end(const std::vector<std::string>& argv, const std::string& log)
 {
-    pid_t pid = fork();
+    pid_t pid = spawn(argv, log);
     if (pid < 0) return -1;
-    if (pid == 0) {
-        int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (fd >= 0) {
-            dup2(fd, 1);
-            dup2(fd, 2);
-        }
-        close_range(3, ~0U, 0);
-        std::vector<char*> args;
-        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
@@ -272,21 +257,21 @@ void Sandbox::dsp_reply(const std::string& prefix, const std::string& text) { ds
 
 void Sandbox::dsp_replies(const std::string& prefix, const std::vector<std::string>& texts)
 {
-    std::string line = "reply\t" + rule_escape(prefix);
-    for (const auto& t : texts) line += "\t" + rule_escape(t);
+    std::string line = "reply\t" + dsp_rules::escape(prefix);
+    for (const auto& t : texts) line += "\t" + dsp_rules::escape(t);
     rules_[{0, prefix}] = line;
     write_rules();
 }
 
 void Sandbox::dsp_silent(const std::string& prefix)
 {
-    rules_[{0, prefix}] = "silent\t" + rule_escape(prefix);
+    rules_[{0, prefix}] = "silent\t" + dsp_rules::escape(prefix);
     write_rules();
 }
 
 void Sandbox::dsp_delay_ms(const std::string& prefix, long ms)
 {
-    rules_[{1, prefix}] = "delay\t" + rule_escape(prefix) + "\t" + std::to_string(ms);
+    rules_[{1, prefix}] = "delay\t" + dsp_rules::escape(prefix) + "\t" + std::to_string(ms);
     write_rules();
 }
 
@@ -456,23 +441,8 @@ void Sandbox::launch(const std::vector<std::string>& args)
     argv.insert(argv.end(), {root_, "/bin/sh", "/.sb/run.sh"});
 
     std::string log = root_ + "/.sb/sandbox.log";
-    pid_t pid = fork();
+    pid_t pid = spawn(argv, log);
     if (pid < 0) throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        int in = open("/dev/null", O_RDONLY);
-        int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (in >= 0) dup2(in, 0);
-        if (out >= 0) {
-            dup2(out, 1);
-            dup2(out, 2);
-        }
-        close_range(3, ~0U, 0);
-        std::vector<char*> a;
-        for (const auto& s : argv) a.push_back(const_cast<char*>(s.c_str()));
-        a.push_back(nullptr);
-        execv(a[0], a.data());
-        _exit(127);
-    }
     launcher_ = pid;
     bool up = poll_until(
         [&] {
