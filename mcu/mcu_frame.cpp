@@ -22,8 +22,8 @@ const mcu_handler mcu_handler_table[16] = {
     handler_dtsx,               // 11
     nullptr,                    // 12
     nullptr,                    // 13
-    nullptr,                    // 14 handler_ota_control
-    nullptr,                    // 15 handler_udisk_upg_control
+    handler_ota_control,        // 14
+    handler_udisk_upg_control,  // 15
 };
 
 uint8_t mcu_check_digit(std::span<const uint8_t> bytes)

@@ -4,6 +4,7 @@
 #include "mcu/gpio.h"
 #include "mcu/handlers.h"
 #include "mcu/mcu_state.h"
+#include "update/ota.h"
 
 void cancel_point_open()
 {
@@ -53,6 +54,7 @@ int mcu_start_workers(int pipe_fd)
                  reinterpret_cast<void*>(static_cast<intptr_t>(pipe_fd)));
     start_worker(&mcu_state.music_monitor_thread, music_monitor_thread, nullptr);
     mcu_state.workers_started = true;
+    ota_start_listener();
     return send_record_state();
 }
 

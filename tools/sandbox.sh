@@ -83,6 +83,9 @@ populate() {
         for f in direction value; do [ -e "$gpio/$line/$f" ] || : >"$gpio/$line/$f"; done
     done
     for n in null zero random urandom tty ptmx; do [ -e "$root/dev/$n" ] || : >"$root/dev/$n"; done
+    # The SPI slave device: a FIFO that nobody feeds is a device with no
+    # package coming, so the OTA reception waits silently.
+    [ -e "$root/dev/vmb_ota" ] || mkfifo "$root/dev/vmb_ota"
     # Follow the host: merged /usr gives symlinks, otherwise directories bound later.
     local links=() dirs=()
     for d in bin sbin lib lib32 lib64 libx32; do

@@ -47,6 +47,7 @@ struct Link {
         sb.start();
         EXPECT_TRUE(sb.wait_dsp_command("dsp rec state\n", 5000)) << sb.output();
         seen = sb.dsp_commands().size();
+        calls = sb.standin_calls().size();  // the OTA listener's modprobe
     }
 
     ~Link()

@@ -1,0 +1,72 @@
+// Descriptor ownership and whole-count transfers for the firmware paths.
+#pragma once
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <pthread.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+// Owns one descriptor. The close in the destructor runs with cancellation
+// disabled: close is a cancellation point, and a cancel acted on inside a
+// destructor would end the process instead of unwinding the thread.
+class unique_fd {
+public:
+    explicit unique_fd(int fd = -1) : fd_(fd) {}
+    ~unique_fd() { reset(); }
+    unique_fd(const unique_fd&) = delete;
+    unique_fd& operator=(const unique_fd&) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    void reset()
+    {
+        if (fd_ < 0) return;
+        int old;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+        ::close(fd_);
+        pthread_setcancelstate(old, nullptr);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
+
+// Reads until count bytes have come or the file ends. Returns the bytes got
+// (fewer than count only at the end of the file) or -1.
+inline ssize_t read_full(int fd, void* buf, size_t count)
+{
+    size_t got = 0;
+    while (got < count) {
+        ssize_t r = ::read(fd, static_cast<uint8_t*>(buf) + got, count - got);
+        if (r < 0 && errno == EINTR) continue;
+        if (r < 0) return -1;
+        if (r == 0) break;
+        got += static_cast<size_t>(r);
+    }
+    return static_cast<ssize_t>(got);
+}
+
+// Writes all count bytes; false on an error or a write that makes no progress.
+inline bool write_full(int fd, const void* buf, size_t count)
+{
+    size_t done = 0;
+    while (done < count) {
+        ssize_t w = ::write(fd, static_cast<const uint8_t*>(buf) + done, count - done);
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) return false;
+        done += static_cast<size_t>(w);
+    }
+    return true;
+}
+
+inline uint32_t get_le32(const uint8_t* p)
+{
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+inline uint32_t get_be32(const uint8_t* p)
+{
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
+}
