@@ -50,14 +50,21 @@ stop_session() {
 }
 trap stop_session EXIT
 
-# session PORT SIMULATOR [COMMAND]...: a fresh sandbox with dsp_sim and
+# session [--package FILE] PORT SIMULATOR [COMMAND]...: a fresh sandbox (with
+# FILE as its OTA package /user/OTA_UPG.bin) and dsp_sim and
 # tty_hub on PORT; the simulator makes the pty and runs the commands, in
 # which @ROOT@ stands for the sandbox root as the host sees it.
 session() {
+    local package=
+    if [ "$1" = --package ]; then
+        package=$2
+        shift 2
+    fi
     local port=$1 simulator=$2
     shift 2
     root=$(mktemp -d "$build/demo-root.XXXXXX")
     bash tools/sandbox.sh populate "$root"
+    [ -z "$package" ] || cp "$package" "$root/user/OTA_UPG.bin"
     # What the simulated DSP reports: PCM (format 1) at 48 kHz.
     printf 'set\tAudio_Format\t1\nset\tFS\t48000\n' >"$root/.sb/dsp.rules"
     cat >"$root/.sb/run.sh" <<INNER
@@ -106,3 +113,15 @@ session /dev/ttyS2 tool_sim \
     "push $build/demo-cfg.bin cfg.bin 8" || { echo "== demo FAILED on the tool link"; exit 1; }
 echo "== checked tuning lines reached the DSP service without their checksum, a wrong one was"
 echo "   refused, the read-back reply verified, and the configuration file arrived in chunks."
+
+echo
+echo "== MCU firmware upload: mcu_sim asks for the MCU section of an OTA package block by block"
+head -c 2048 /dev/urandom >"$build/demo-ota.bin"           # package header area
+head -c 6000 /dev/urandom >"$build/demo-firmware.bin"      # the MCU section
+cat "$build/demo-firmware.bin" >>"$build/demo-ota.bin"
+session --package "$build/demo-ota.bin" /dev/ttyS1 mcu_sim --quiet \
+    "wait 0x20 10000" \
+    "ota mcu" \
+    "upload $build/demo-ota.bin 1024 $build/demo-received.bin" || { echo "== demo FAILED on the firmware upload"; exit 1; }
+cmp -s "$build/demo-firmware.bin" "$build/demo-received.bin" || { echo "== demo FAILED: firmware differs"; exit 1; }
+echo "== the firmware the MCU received is the package's MCU section, byte for byte."

@@ -16,6 +16,7 @@
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -81,8 +82,13 @@ bool poll_until(Pred pred, int timeout_ms)
 // descriptor of ours; its pid, or -1.
 pid_t spawn(const std::vector<std::string>& argv, const std::string& log)
 {
+    pid_t parent = getpid();
     pid_t pid = fork();
     if (pid != 0) return pid;
+    // A test process that dies takes its sandbox with it (unshare kills the
+    // namespace when it dies itself).
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);
     int in = open("/dev/null", O_RDONLY);
     int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (in >= 0) dup2(in, 0);
@@ -134,6 +140,29 @@ pid_t find_namespace_init(pid_t launcher)
     return -1;
 }
 
+bool mounts_under(const std::string& dir)
+{
+    std::string mounts = slurp("/proc/self/mountinfo");
+    return mounts.find(" " + dir + "/") != std::string::npos || mounts.find(" " + dir + " ") != std::string::npos;
+}
+
+// Roots left by test processes that were killed: their names end in
+// -<pid>-<n>, and the pid is gone.
+void remove_stale_roots(const fs::path& base)
+{
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(base, ec)) {
+        std::string name = entry.path().filename().string();
+        size_t last = name.rfind('-');
+        size_t before = last == std::string::npos ? std::string::npos : name.rfind('-', last - 1);
+        if (before == std::string::npos) continue;
+        std::string pid = name.substr(before + 1, last - before - 1);
+        if (pid.empty() || pid.find_first_not_of("0123456789") != std::string::npos) continue;
+        if (fs::exists("/proc/" + pid) || mounts_under(entry.path().string())) continue;
+        fs::remove_all(entry.path(), ec);
+    }
+}
+
 }  // namespace
 
 uint8_t mcu_check(const uint8_t* from, size_t n)
@@ -180,6 +209,7 @@ Sandbox::Sandbox(std::string port) : port_(std::move(port))
 {
     fs::path base = E2E_WORK_DIR;
     fs::create_directories(base);
+    remove_stale_roots(base);
     root_ = (base / (test_name() + "-" + std::to_string(getpid()) + "-" + std::to_string(sandbox_counter++))).string();
     fs::remove_all(root_);
     fs::create_directories(root_ + "/.sb");
@@ -206,8 +236,7 @@ Sandbox::~Sandbox()
     }
     // A mount still visible under the root would mean it leaked into the
     // host's namespace: then deleting could reach the host's files.
-    std::string mounts = slurp("/proc/self/mountinfo");
-    if (mounts.find(" " + root_ + "/") != std::string::npos || mounts.find(" " + root_ + " ") != std::string::npos) {
+    if (mounts_under(root_)) {
         ADD_FAILURE() << "mounts under " << root_ << " are visible on the host; left in place";
         return;
     }
