@@ -23,21 +23,22 @@ constexpr size_t TABLE = 0x100880;
 
 uint32_t le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24; }
 
-void repair_digests(std::vector<uint8_t>& file)
+// `table` holds the file from TABLE on; images that lie in it get their MD5.
+void repair_digests(std::vector<uint8_t>& table)
 {
-    for (size_t r = TABLE; r + 128 <= file.size() && r < TABLE + 10 * 128; r += 128) {
-        const char* name = reinterpret_cast<const char*>(&file[r]);
+    for (size_t r = 0; r + 128 <= table.size() && r < 10 * 128; r += 128) {
+        const char* name = reinterpret_cast<const char*>(&table[r]);
         if (strncmp(name, "kernel", 7) != 0 && strncmp(name, "rootfs", 7) != 0) continue;
-        uint64_t off = le32(&file[r + 68]), len = le32(&file[r + 72]);
-        if (off + len > file.size()) continue;
+        uint64_t off = le32(&table[r + 68]), len = le32(&table[r + 72]);
+        if (off < TABLE || off - TABLE + len > table.size()) continue;
         md5_context ctx;
         md5_init(&ctx);
-        md5_update(&ctx, file.data() + off, len);
+        md5_update(&ctx, table.data() + (off - TABLE), len);
         uint8_t d[16];
         md5_final(&ctx, d);
         char hex[33];
         for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", d[i]);
-        memcpy(&file[r + 32], hex, 32);
+        memcpy(&table[r + 32], hex, 32);
     }
 }
 
@@ -51,15 +52,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    std::vector<uint8_t> file(TABLE + size);
-    memcpy(file.data() + TABLE, data, size);
-    if (size == 0 || !(data[0] & 1)) repair_digests(file);
-    // Sparse in front: only the table and what lies behind it are written.
+    std::vector<uint8_t> table(data, data + size);
+    if (size == 0 || !(data[0] & 1)) repair_digests(table);
+    // Sparse in front (images pointed there read as zeros): only the table
+    // and what lies behind it are written.
     int fd = open("/mnt/u", O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd < 0 || ftruncate(fd, static_cast<off_t>(TABLE)) != 0 ||
-        pwrite(fd, file.data() + TABLE, size, TABLE) != static_cast<ssize_t>(size))
+        pwrite(fd, table.data(), size, TABLE) != static_cast<ssize_t>(size))
         __builtin_trap();
-    // Images pointed into the sparse part read as zeros there, as in `file`.
     close(fd);
     const uint8_t payload[16] = {0x11, 0, 0, 0, 0, 'u'};
     handler_udisk_upg_control(payload, sizeof payload);
