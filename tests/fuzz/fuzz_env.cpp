@@ -100,7 +100,7 @@ void make_root(const std::string& root, const std::string& cwd)
     touch(gpio + "/unexport");
     // libFuzzer keeps its corpus and artifacts in the working directory.
     make_dir(root + cwd);
-    bind(cwd, root + cwd, false);
+    if (mount(cwd.c_str(), (root + cwd).c_str(), nullptr, MS_BIND, nullptr) != 0) die(cwd.c_str());
 }
 
 int queue_id = -1;
@@ -167,12 +167,13 @@ void setup()
 {
     char cwd[PATH_MAX];
     if (!getcwd(cwd, sizeof cwd)) die("getcwd");
+    // The new root is a tmpfs in the working directory (the host keeps an
+    // empty directory there); only this namespace sees what it holds.
+    const std::string root = std::string(cwd) + "/.fuzz-root";
+    make_dir(root);
     if (unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) die("unshare (the fuzz targets need root)");
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) die("make / private");
-    // A tmpfs over /tmp holds the new root; only this namespace sees it.
-    if (mount("tmpfs", "/tmp", "tmpfs", 0, "size=256m,mode=1777") != 0) die("tmpfs");
-    const std::string root = "/tmp/root";
-    make_dir(root);
+    if (mount("tmpfs", root.c_str(), "tmpfs", 0, "size=256m,mode=0755") != 0) die("tmpfs");
     make_root(root, cwd);
     if (chroot(root.c_str()) != 0 || chdir(cwd) != 0) die("chroot");
 

@@ -13,8 +13,9 @@ namespace fuzz {
 // Once per process, before anything touches a file: private mount and IPC
 // namespaces (needs root) and a chroot in which /tmp, /sdk, /user, /mnt and
 // /sys/class/gpio are fresh tmpfs directories and every other top-level
-// directory is the host's, bound at its own path (so the corpus and artifact
-// paths of libFuzzer keep working, as long as they are not under /tmp).
+// directory is the host's, bound read-only at its own path. The working
+// directory is bound writable at its own path, wherever it lies, so that
+// libFuzzer's corpus and artifacts work when given relative to it.
 // Then creates the DSP queue at the daemon's key and starts the responder.
 void setup();
 
