@@ -9,11 +9,12 @@
 #       Makes PATH (as seen inside) a stand-in that appends "name args" to
 #       /.sb/standin.log and exits with STATUS (default 0; read at each call
 #       from /.sb/standin/NAME.status, so it may change at any time).
-#   sandbox.sh run [--bind DIR]... [--tty DEV:NAME]... ROOT CMD [ARG]...
+#   sandbox.sh run [--bind DIR]... [--tty DEV:NAME]... [--tmpfs PATH:BYTES]... ROOT CMD [ARG]...
 #       Runs CMD chrooted into ROOT inside private mount, IPC and PID
 #       namespaces. Killing this process (it becomes `unshare`) kills
 #       everything inside. DIR is bound read-only at its own path; DEV (a
-#       terminal, e.g. /dev/pts/3) is bound at /dev/NAME.
+#       terminal, e.g. /dev/pts/3) is bound at /dev/NAME; PATH (inside)
+#       becomes a tmpfs of BYTES that starts with what PATH held.
 #
 # Inside: usr is an overlay whose top layer (ROOT/.sb/usr) holds the stand-ins
 # over the host's /usr; bin, sbin, lib* point into usr as on the host; etc is
@@ -117,11 +118,12 @@ bind_ro() {
 }
 
 run_inside() {
-    local binds=() ttys=()
+    local binds=() ttys=() tmpfss=()
     while [ $# -gt 0 ]; do
         case "$1" in
         --bind) binds+=("$2"); shift 2 ;;
         --tty) ttys+=("$2"); shift 2 ;;
+        --tmpfs) tmpfss+=("$2"); shift 2 ;;
         --) shift; break ;;
         *) break ;;
         esac
@@ -136,6 +138,16 @@ run_inside() {
     mount --make-rprivate /
     # What a test removed or changed on purpose stays as it is.
     [ -e "$root/.sb/populated" ] || populate "$root"
+    # Small file systems, for a disk that fills.
+    local f dir copy
+    for f in "${tmpfss[@]}"; do
+        dir=$root${f%%:*}
+        copy=$(mktemp -d)
+        cp -a "$dir/." "$copy/"
+        mount -t tmpfs -o "size=${f#*:},mode=$(stat -c %a "$dir")" tmpfs "$dir"
+        cp -a "$copy/." "$dir/"
+        rm -rf "$copy"
+    done
     mount -t overlay overlay -o "lowerdir=$root/.sb/usr:/usr" "$root/usr"
     bind_ro /etc "$root/etc"
     for d in bin sbin lib lib32 lib64 libx32; do

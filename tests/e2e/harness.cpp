@@ -466,6 +466,7 @@ void Sandbox::launch(const std::vector<std::string>& args)
     argv.insert(argv.end(), {"--tty", slave_path_ + ":" + port_.substr(port_.rfind('/') + 1)});
     for (size_t i = 0; i < extra_ttys_.size(); ++i)
         argv.insert(argv.end(), {"--tty", extra_tty_paths_[i] + ":" + extra_ttys_[i].first});
+    for (const auto& t : tmpfs_) argv.insert(argv.end(), {"--tmpfs", t});
     argv.insert(argv.end(), {root_, "/bin/sh", "/.sb/run.sh"});
 
     std::string log = root_ + "/.sb/sandbox.log";
@@ -593,6 +594,49 @@ bytes Sandbox::read_mcu_frame_cmd(uint8_t command, int timeout_ms)
         bytes f = read_mcu_frame(ms_left(deadline));
         if (f.empty() || (f.size() > 2 && f[2] == command)) return f;
     }
+}
+
+pid_t Sandbox::pid_of(const std::string& exe) const
+{
+    if (init_pid_ <= 0) return -1;
+    // Walk the namespace's process tree from its init.
+    std::vector<pid_t> todo{init_pid_};
+    while (!todo.empty()) {
+        pid_t p = todo.back();
+        todo.pop_back();
+        std::string cmd = slurp("/proc/" + std::to_string(p) + "/cmdline");
+        if (cmd.substr(0, cmd.find('\0')) == exe) return p;
+        std::istringstream children(
+            slurp("/proc/" + std::to_string(p) + "/task/" + std::to_string(p) + "/children"));
+        for (pid_t c; children >> c;) todo.push_back(c);
+    }
+    return -1;
+}
+
+pid_t Sandbox::daemon_pid() const { return pid_of(TTY_HUB_BIN); }
+
+pid_t Sandbox::dsp_pid() const { return pid_of(DSP_SIM_BIN); }
+
+void Sandbox::remove_dsp_queue()
+{
+    if (init_pid_ <= 0) throw std::logic_error("sandbox not started");
+    if (run_to_end({"/usr/bin/nsenter", "-t", std::to_string(init_pid_), "-i", "ipcrm", "--all=msg"},
+                   root_ + "/.sb/sandbox.log") != 0)
+        throw std::runtime_error("ipcrm failed");
+}
+
+void Sandbox::limit_dir(const std::string& dir, size_t bytes)
+{
+    if (launcher_ > 0) throw std::logic_error("limit_dir before start()");
+    host_path(dir);  // checks the form
+    tmpfs_.push_back(dir + ":" + std::to_string(bytes));
+}
+
+std::string Sandbox::live_path(const std::string& path) const
+{
+    if (init_pid_ <= 0) throw std::logic_error("sandbox not started");
+    host_path(path);
+    return "/proc/" + std::to_string(init_pid_) + "/root" + path;
 }
 
 }  // namespace e2e

@@ -119,6 +119,21 @@ public:
 
     const std::string& root() const { return root_; }
 
+    // --- faults
+    // Host pid of the running process inside the sandbox whose argv[0] is
+    // exe, or -1; daemon_pid() and dsp_pid() name the two of interest.
+    pid_t pid_of(const std::string& exe) const;
+    pid_t daemon_pid() const;
+    pid_t dsp_pid() const;
+    // Removes the DSP service's queue (ipcrm inside the sandbox's IPC namespace).
+    void remove_dsp_queue();
+    // Before start(): DIR becomes a tmpfs of that many bytes inside the
+    // sandbox, holding what DIR held. The host sees no such mount: reach
+    // its files through live_path().
+    void limit_dir(const std::string& dir, size_t bytes);
+    // A path as the running sandbox sees it (through its mount namespace).
+    std::string live_path(const std::string& path) const;
+
 private:
     void launch(const std::vector<std::string>& args);
     void write_rules();
@@ -133,6 +148,7 @@ private:
     std::string slave_path_;
     std::vector<std::pair<std::string, std::pair<int, int>>> extra_ttys_;  // name, master, slave
     std::vector<std::string> extra_tty_paths_;
+    std::vector<std::string> tmpfs_;  // "DIR:BYTES"
     long dsp_delay_ms_ = 0;
     bool gpio_fifos_ = false;
     bool merge_streams_ = false;
