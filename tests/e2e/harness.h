@@ -3,6 +3,9 @@
 // pseudo-terminal bound at /dev/ttyS1 or /dev/ttyS2, the DSP service stand-in
 // dsp_sim on a real SysV queue, and stand-in programs that record their calls.
 //
+// The sandbox dies with the thread that called start() (so a killed test
+// process leaves nothing running): start it on the test's own thread.
+//
 // Paths given to the file helpers are paths as seen inside the sandbox
 // ("/tmp/mcu_if_pipe"); host_path() gives the host's view of them.
 #pragma once
