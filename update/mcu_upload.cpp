@@ -20,7 +20,8 @@ constexpr int HANDSHAKE_ATTEMPTS = 5;
 void set_port(bool handshake)
 {
     termios tio;
-    tcgetattr(serial_fd, &tio);
+    // Not a terminal: nothing to change, and nothing defined to write back.
+    if (tcgetattr(serial_fd, &tio) != 0) return;
     if (handshake) cfsetspeed(&tio, B460800);
     tio.c_cc[VMIN] = handshake ? 0 : MSG_SIZE;
     tio.c_cc[VTIME] = handshake ? 10 : 0;
