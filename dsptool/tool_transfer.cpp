@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/byte_order.h"
 #include "dsptool/tool_link.h"
 
 namespace {
@@ -23,12 +24,6 @@ constexpr uint8_t START_SEND_DATA = 2;
 constexpr uint8_t END_SEND_DATA = 3;
 constexpr uint8_t REPLY_BIT = 0x80;
 constexpr size_t PATH_SIZE = 128;
-
-uint32_t le32(const uint8_t* p)
-{
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
 
 int reply(uint8_t command, uint8_t status)
 {
@@ -88,7 +83,7 @@ int tool_start_send_data(tool_frame* frame)
         printf("[DSPTOOL] refused configuration file name of %zu bytes\n", name.size());
         return reply(START_SEND_DATA, 1);
     }
-    transfer_state.announced_size = le32(frame->data);
+    transfer_state.announced_size = get_le32(frame->data);
     memcpy(transfer_state.name, name.data(), name.size());
     transfer_state.name[name.size()] = '\0';
 
@@ -142,7 +137,7 @@ int tool_end_send_data(tool_frame* frame)
     close_file();
     transfer_state.fd = -1;
 
-    if (transfer_state.announced_size != le32(frame->data)) {
+    if (transfer_state.announced_size != get_le32(frame->data)) {
         puts("[DSPTOOL] size information in START_SEND_DATA and END_SEND_DATA is different");
         return reply(END_SEND_DATA, 1);
     }

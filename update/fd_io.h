@@ -7,6 +7,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "core/byte_order.h"
+
 // Owns one descriptor. The close in the destructor runs with cancellation
 // disabled: close is a cancellation point, and a cancel acted on inside a
 // destructor would end the process instead of unwinding the thread.
@@ -59,14 +61,4 @@ inline bool write_full(int fd, const void* buf, size_t count)
         done += static_cast<size_t>(w);
     }
     return true;
-}
-
-inline uint32_t get_le32(const uint8_t* p)
-{
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-
-inline uint32_t get_be32(const uint8_t* p)
-{
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | uint32_t(p[3]);
 }
