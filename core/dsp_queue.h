@@ -1,6 +1,8 @@
 // What both links rely on of the DSP service's SysV message queue.
 #pragma once
+#include <cstdarg>
 #include <cstddef>
+#include <sys/types.h>
 
 inline constexpr size_t DSP_TEXT_MAX = 3072;
 inline constexpr long DSP_REQUEST_TYPE = 2;
@@ -18,3 +20,11 @@ struct dsp_message {
 // after the first, even if msgget succeeded in that pass. Returns the
 // queue id, or -1.
 int dsp_queue_attach();
+
+// Formats a request into msg, cut to fit with its NUL, typed as a request.
+// Returns the size to send: the text and its NUL.
+size_t dsp_format_request(dsp_message& msg, const char* fmt, va_list ap);
+
+// Ends a response of r bytes as a string: the service sends its NUL, and one
+// that comes without it is cut at the end of the buffer.
+void dsp_end_response(dsp_message& msg, ssize_t r);

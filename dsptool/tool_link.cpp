@@ -237,13 +237,9 @@ int tool_dsp_cmd(tool_reply_fn cb, const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    int n = vsnprintf(tool_msg.text, sizeof tool_msg.text, fmt, ap);
+    size_t size = dsp_format_request(tool_msg, fmt, ap);
     va_end(ap);
-    size_t len = n < 0 ? 0 : (static_cast<size_t>(n) < sizeof tool_msg.text ? static_cast<size_t>(n)
-                                                                             : sizeof tool_msg.text - 1);
-    if (n < 0) tool_msg.text[0] = '\0';
-    tool_msg.type = DSP_REQUEST_TYPE;
-    if (msgsnd(tool_msqid, &tool_msg, len + 1, 0) < 0) {
+    if (msgsnd(tool_msqid, &tool_msg, size, 0) < 0) {
         puts("[DSPTOOL] send dsp command failed");
         return -1;
     }
@@ -252,8 +248,7 @@ int tool_dsp_cmd(tool_reply_fn cb, const char* fmt, ...)
         puts("[DSPTOOL] receive dsp command response failed");
         return -1;
     }
-    // The service sends its NUL; a response without one is cut at the end.
-    tool_msg.text[static_cast<size_t>(r) < sizeof tool_msg.text ? r : sizeof tool_msg.text - 1] = '\0';
+    dsp_end_response(tool_msg, r);
     return cb(tool_msg.text, strlen(tool_msg.text));
 }
 

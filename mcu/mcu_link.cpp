@@ -40,12 +40,9 @@ int dsp_cmd(dsp_reply_fn cb, const char* fmt, ...)
 
     va_list ap;
     va_start(ap, fmt);
-    int n = vsnprintf(msg.text, sizeof msg.text, fmt, ap);
+    size_t size = dsp_format_request(msg, fmt, ap);
     va_end(ap);
-    size_t len = n < 0 ? 0 : (static_cast<size_t>(n) < sizeof msg.text ? static_cast<size_t>(n)
-                                                                         : sizeof msg.text - 1);
-    msg.type = DSP_REQUEST_TYPE;
-    while (msgsnd(mcu_state.dsp_queue_id, &msg, len + 1, 0) < 0) {
+    while (msgsnd(mcu_state.dsp_queue_id, &msg, size, 0) < 0) {
         if (errno == EINTR) continue;
         puts("[MCU IF] send dsp command failed");
         return -1;
@@ -53,8 +50,7 @@ int dsp_cmd(dsp_reply_fn cb, const char* fmt, ...)
     for (;;) {
         ssize_t r = msgrcv(mcu_state.dsp_queue_id, &msg, sizeof msg.text, DSP_RESPONSE_TYPE, 0);
         if (r >= 0) {
-            // The service sends its NUL; a reply without one is cut at the end.
-            msg.text[static_cast<size_t>(r) < sizeof msg.text ? r : sizeof msg.text - 1] = '\0';
+            dsp_end_response(msg, r);
             break;
         }
         if (errno == EINTR) continue;
