@@ -1,4 +1,4 @@
-#include "tests/e2e/harness.h"
+#include "bench/harness.h"
 #include "tools/dsp_rules.h"
 
 #include <algorithm>
