@@ -7,8 +7,7 @@ usage='Usage: tty_hub [OPTION]
   -p, --port        Port (/dev/ttyS0, etc) (must be specified)
   -c, --rts-cts     Enable RTS/CTS flow control
   -B, --2-stop-bit  Use two stop bits per character
-  -P, --parity      Use parity bit (odd, even, mark, space)
-'
+  -P, --parity      Use parity bit (odd, even, mark, space)'
 failed=0
 # check STATUS STDOUT STDERR ARG...
 check() {
@@ -46,9 +45,10 @@ done
 settings() {
     local want=$1
     shift
-    tty_hub -p /dev/ttyS2 "$@" >/tmp/tool.log 2>&1 &
-    local pid=$! n=0
-    until grep -q "setup DSP tool interface!" /tmp/tool.log || [ $n -ge 2000 ]; do sleep 0.01; n=$((n + 1)); done
+    : >/tmp/tool.log
+    tty_hub -p /dev/ttyS2 "$@" >>/tmp/tool.log 2>&1 &
+    local pid=$!
+    bash "$(dirname "$0")/until.sh" 'grep -q "setup DSP tool interface!" /tmp/tool.log' || failed=1
     local got
     got=$(stty -F /dev/ttyS2 -g | cut -d: -f1-4,10,11)
     kill $pid

@@ -5,6 +5,8 @@ sh kill -KILL $(pidof dsp_sim)
 send "mon"
 expect reply "MN>"
 send "dsp delay 2 100 192\n"
+# Once the request waits in the queue, the queue goes.
+sh bash $DATA/until.sh "grep -Eq '^ *-?[0-9]+ +[0-9]+ +[0-9]+ +[0-9]+ +1 ' /proc/sysvipc/msg"
 sh ipcrm --all=msg
 expect reply "[fail]\0"
 expect log "[DSPTOOL] receive dsp command response failed"
