@@ -44,10 +44,11 @@
 // every command.
 // PREFIX and TEXT take the escapes \n \r \t \\ \0 and \xHH.
 //
-// Log file: every request in arrival order, exactly as received (all bytes
-// msgrcv gave, the NUL included), each written as a netstring
-// "<decimal length>:<bytes>," and flushed at once, so that embedded newlines
-// and NULs survive.
+// Log file: one line per request in arrival order: its text without the one
+// terminating NUL, escaped as in the rules file (so "dsp vol 1 -103.500000\n"
+// becomes dsp vol 1 -103.500000\n); a request that does not end in exactly
+// one NUL is written as "[raw]" and all its bytes escaped. Each line is
+// flushed at once, so a script can wait for it.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -411,9 +412,10 @@ int main(int argc, char** argv)
         }
         size_t len = static_cast<size_t>(n);
         if (log_fd >= 0) {
-            std::string rec = std::to_string(len) + ':';
-            rec.append(req.text, len);
-            rec += ',';
+            bool one_nul = len > 0 && req.text[len - 1] == '\0' && (len == 1 || req.text[len - 2] != '\0');
+            std::string rec = one_nul ? dsp_rules::escape(std::string(req.text, len - 1))
+                                      : "[raw]" + dsp_rules::escape(std::string(req.text, len));
+            rec += '\n';
             write_all(log_fd, rec.data(), rec.size());
         }
         // Rules see the text up to its first NUL, as the service would.
