@@ -65,8 +65,8 @@ int check_crc(int tmp, uint8_t* buf)
         }
         if (r == 0) break;
         // Built once, when a package with data has come; entry 0 is never 0.
-        if (ota_info.crc_table[0] == 0) ota_crc_build_table(ota_info.crc_table);
-        crc = ota_crc_update(ota_info.crc_table, crc, buf, static_cast<size_t>(r));
+        if (ota_info.crc_table[0] == 0) ota_crc_build_table(ota_info.crc_table, ota_info.crc_lanes);
+        crc = ota_crc_update(ota_info.crc_table, ota_info.crc_lanes, crc, buf, static_cast<size_t>(r));
         if (r < static_cast<ssize_t>(OTA_BLOCK)) break;
     }
     if (crc != package_crc) {
