@@ -283,7 +283,7 @@ std::string pattern(size_t n, unsigned seed)
 
 // MD5 and the OTA CRC pass over a file, block by block as the firmware path
 // reads, against md5sum and zlib's crc32 over the same file. Throughput is
-// per second of CPU time (reads included), the best of three rounds taken in
+// per second of CPU time (reads included), the best of five rounds taken in
 // turn: the machine is shared, and wall time would count other people's work.
 void digests(const std::string& dir)
 {
@@ -301,7 +301,7 @@ void digests(const std::string& dir)
     static uint32_t table[256], lanes[8][256];
     ota_crc_build_table(table, lanes);
     double md5 = 0, md5sum = 0, ota = 0, zlib = 0;
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 5; ++round) {
         md5_context ctx;
         md5_init(&ctx);
         md5 = std::max(md5, pass([&](const uint8_t* b, size_t n) { md5_update(&ctx, b, n); }));

@@ -3,7 +3,7 @@
 //
 //   bench_digest --benchmark_min_time=0.5
 //
-// bench/run.sh puts the figures beside md5sum and cksum of a file.
+// bench_daemon runs the same loops over a file, beside md5sum and zlib.
 #include <benchmark/benchmark.h>
 #include <zlib.h>
 

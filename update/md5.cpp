@@ -122,6 +122,7 @@ void md5_transform(uint32_t state[4], const uint8_t* in)
     state[2] += c;
     state[3] += d;
 }
+
 // The inner feed of md5_update and md5_final.
 void md5_update_block(md5_context* ctx, const uint8_t* in, size_t length)
 {
