@@ -6,6 +6,7 @@
 #include "core/protocol.h"
 #include "core/serial.h"
 #include "mcu/handlers.h"
+#include "mcu/mcu_state.h"
 
 const mcu_handler mcu_handler_table[16] = {
     nullptr,                    // 0
@@ -47,13 +48,13 @@ pack_buf* mcu_recv()
     uint8_t byte = 0;
     // Hunt for the lead byte; anything else is dropped silently.
     for (;;) {
-        ssize_t r = serial_read(&byte, 1);
+        ssize_t r = serial_read_live(&byte, 1);
         if (r < 0) return recv_failed(nullptr);
         if (r == 1 && byte == MCU_LEAD) break;
     }
     uint8_t len = 0;
-    // The port does not return 0 bytes while open; a 0 here is a hang-up.
-    if (serial_read(&len, 1) != 1 || len == 0) return recv_failed(nullptr);
+    // A hung-up port never comes back from serial_read_live.
+    if (serial_read_live(&len, 1) != 1 || len == 0) return recv_failed(nullptr);
 
     pack_buf* b = pack_buf_alloc(MCU_BUF_SIZE);
     if (!b) {
@@ -66,7 +67,7 @@ pack_buf* mcu_recv()
     p[0] = MCU_LEAD;
     p[1] = len;
     uint8_t* rest = pack_buf_put(b, len - 1u);
-    if (serial_read(rest, len - 1u) < 0) return recv_failed(b);
+    if (serial_read_live(rest, len - 1u) < 0) return recv_failed(b);
     return b;
 }
 
@@ -121,5 +122,5 @@ int mcu_parse(pack_buf* b) { return mcu_parse_with(b, std::span<const mcu_handle
 long mcu_send(uint8_t command, const uint8_t* payload, uint8_t length)
 {
     mcu_out_frame f{command, payload, length};
-    return if_send(reinterpret_cast<uintptr_t>(&f), 0);
+    return mcu_if_send(reinterpret_cast<uintptr_t>(&f));
 }

@@ -4,9 +4,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <pthread.h>
+#include <sys/types.h>
 
 inline constexpr const char* OTA_PACKAGE_PATH = "/user/OTA_UPG.bin";
+inline constexpr const char* OTA_PACKAGE_DIR = "/user";
 inline constexpr const char* OTA_TMP_PATH = "/tmp/OTA_UPG.bin";
+// The package stands here, in the package's file system, until it is whole.
+inline constexpr const char* OTA_NEW_PATH = "/user/OTA_UPG.bin.tmp";
+// Bound of the wait for the device to take "ok".
+inline constexpr int OTA_OK_WAIT_MS = 2000;
 inline constexpr const char* OTA_DEVICE_PATH = "/dev/vmb_ota";
 inline constexpr size_t OTA_BLOCK = 4096;
 // The MCU section starts here; READ offsets count from it.
@@ -37,6 +43,7 @@ struct ota_info_t {
     uint32_t s8137_offset;  // 0: header not read yet
     uint32_t s8137_length;
     uint32_t crc_table[256];
+    uint32_t crc_lanes[8][256];  // slicing tables built from crc_table, with it
 };
 
 extern ota_info_t ota_info;
@@ -45,11 +52,16 @@ int ota_read_header();
 long send_ota_state(int state);
 
 // CRC-32 in complemented form: the running value starts at 0 and the last
-// value is the published CRC-32, with no final step.
-void ota_crc_build_table(uint32_t table[256]);
-uint32_t ota_crc_update(const uint32_t table[256], uint32_t value, const uint8_t* data, size_t len);
+// value is the published CRC-32, with no final step. The byte table's entry 0
+// is never 0.
+void ota_crc_build_table(uint32_t table[256], uint32_t lanes[8][256]);
+uint32_t ota_crc_update(const uint32_t table[256], const uint32_t lanes[8][256], uint32_t value, const uint8_t* data,
+                        size_t len);
 
 void* ota_receive_thread(void*);
 void ota_start_listener();
 int do_s8137_upgrade();
 int mcu_firmware_upload();
+// The reply to the READ request in buf (sum, data, padding up to 4), built in
+// buf: its length, or -1 after the failure's line.
+ssize_t mcu_read_reply(int pkg, uint8_t* buf);
