@@ -566,7 +566,7 @@ Examples:
               "       mcu_sim --decode [--hex] [--time] [--mcu SOURCE] [--daemon SOURCE]\n"
               "Plays the product's host microcontroller on the MCU link of tty_hub.",
               more.c_str(), mcu_verbs(), show, {}};
-    decoder d{"mcu", first_frame, frame_text};
+    decoder d{"mcu", first_frame, frame_text, [](const uint8_t*, size_t) { return true; }};
     if (argc > 1 && std::string(argv[1]) == "--decode") return run_decode(argc, argv, d);
     return run_main(argc, argv, p);
 }

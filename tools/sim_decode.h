@@ -19,6 +19,7 @@ struct decoder {
     const char* peer;  // the simulated side: "mcu" or "tool"
     piece (*split)(const uint8_t* b, size_t n, bool at_end, bool from_daemon);
     std::string (*text)(const uint8_t* b, size_t n, bool from_daemon);
+    bool (*binary)(const uint8_t* b, size_t n);  // shown in hex as well
 };
 
 inline std::string decode_help(const char* prog, const char* peer)
@@ -29,7 +30,7 @@ inline std::string decode_help(const char* prog, const char* peer)
            "  up with -b -P -B -c); --" + (peer[0] == 'M' ? "mcu" : "tool") + " gives what the " + peer +
            " sent, --daemon what the daemon\n"
            "  sent. Every frame is printed decoded with its offset (with its time when\n"
-           "  the source is live, or with --time), check digits verified, noise as such.\n"
+           "  a source is a terminal, or with --time), check digits verified, noise as such.\n"
            "  --hex reads hex text (pairs of digits, 0x allowed, # comments) instead of bytes.\n";
 }
 
@@ -85,10 +86,10 @@ inline void print_pieces(const decoder& d, source& s, bool at_end, bool times, s
         std::string text = pc.kind == piece::noise ? "noise"
                            : pc.kind == piece::cut ? "cut short"
                                                    : d.text(s.buf.data(), pc.len, s.from_daemon);
+        if (pc.kind != piece::whole || d.binary(s.buf.data(), pc.len)) text += "  (" + hex(s.buf.data(), pc.len) + ")";
         if (times)
-            printf("%9.3f  %-6s  %s  (%s)\n", std::chrono::duration<double>(steady::now() - start).count(), who,
-                   text.c_str(), hex(s.buf.data(), pc.len).c_str());
-        else printf("%8zu  %-6s  %s  (%s)\n", s.offset, who, text.c_str(), hex(s.buf.data(), pc.len).c_str());
+            printf("%9.3f  %-6s  %s\n", std::chrono::duration<double>(steady::now() - start).count(), who, text.c_str());
+        else printf("%8zu  %-6s  %s\n", s.offset, who, text.c_str());
         s.buf.erase(s.buf.begin(), s.buf.begin() + static_cast<long>(pc.len));
         s.offset += pc.len;
     }
@@ -127,10 +128,11 @@ inline int run_decode(int argc, char** argv, const decoder& d)
                 if (s.fd) close(s.fd);
                 s.fd = open_terminal(s.path == "-" ? "/dev/stdin" : s.path, line);
             }
+            // A pipe is read as it comes; a terminal is a wire, timed.
             struct stat st {};
             fstat(s.fd, &st);
             s.live = !S_ISREG(st.st_mode);
-            times = times || s.live;
+            times = times || isatty(s.fd);
         }
         auto start = steady::now();
         for (;;) {
@@ -157,7 +159,7 @@ inline int run_decode(int argc, char** argv, const decoder& d)
                     if (as_hex) hex_token(s);
                     s.done = true;
                 }
-                // On a live wire a frame that stays incomplete for half a second is cut short.
+                // A frame that stays incomplete for half a second on a wire is cut short.
                 bool quiet_wire = s.live && steady::now() - s.last > std::chrono::milliseconds(500);
                 print_pieces(d, s, end || quiet_wire, times, start);
             }

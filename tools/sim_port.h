@@ -28,6 +28,18 @@ using steady = std::chrono::steady_clock;
 inline const char* tag = "[sim]";
 inline int port_fd = -1;
 inline bytes inbox;  // read from the port, not yet taken apart
+inline int capture_sent = -1, capture_received = -1;  // copies of the traffic, or -1
+
+inline void copy_to(int fd, const uint8_t* p, size_t n)
+{
+    while (fd >= 0 && n) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0 && errno == EINTR) continue;
+        if (w < 0) return;
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
+}
 
 // A fault of the command line, the script or the set-up: nothing has run.
 struct usage_error : std::runtime_error {
@@ -66,6 +78,7 @@ inline int ms_left(steady::time_point deadline)
 
 inline void write_all(const uint8_t* p, size_t n)
 {
+    copy_to(capture_sent, p, n);
     size_t done = 0;
     while (done < n) {
         ssize_t w = write(port_fd, p + done, n - done);
@@ -103,6 +116,7 @@ inline bool fill(int ms)
         return false;
     }
     inbox.insert(inbox.end(), buf, buf + r);
+    copy_to(capture_received, buf, static_cast<size_t>(r));
     return true;
 }
 

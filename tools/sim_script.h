@@ -222,30 +222,14 @@ inline bool run_shell(const std::string& command)
                 std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
 }
 
-inline bool decimal(const std::string& s)
-{
-    size_t i = !s.empty() && s[0] == '-';
-    return i < s.size() && s.find_first_not_of("0123456789", i) == std::string::npos;
-}
-
 // A rules line as the DSP stand-in reads it; checked here, so that a script
-// with a rule the stand-in would ignore never starts.
+// with a rule the stand-in would refuse never starts.
 inline std::string rules_line(const args& a)
 {
-    static const char* const keys[] = {"Dolby_Atmos_Bit", "Dolby_Surround_Bit", "Audio_Format", "FS",
-                                       "DTS_DIALOG_BIT", "tone_ms", "music_ms"};
-    const std::string& kind = a[0];
-    size_t n = a.size() - 1;
-    if (kind == "reply" ? n < 2 : kind == "silent" ? n != 1 : (kind == "delay" || kind == "set") ? n != 2 : true)
-        throw usage_error("rule reply PREFIX TEXT..., rule silent PREFIX, rule delay PREFIX MS or rule set KEY VALUE");
-    if (kind == "delay") number(a[2], 0, 3600000, "delay");
-    if (kind == "set") {
-        if (std::none_of(std::begin(keys), std::end(keys), [&](const char* k) { return a[1] == k; }))
-            throw usage_error("no model value " + a[1]);
-        if (!decimal(a[2]) || a[2].size() > 10) throw usage_error("set " + a[1] + ": not a decimal number: " + a[2]);
-    }
-    std::string line = kind;
+    std::string line = a[0];
     for (size_t i = 1; i < a.size(); ++i) line.append("\t").append(dsp_rules::escape(a[i]));
+    std::string why = dsp_rules::problem(line);
+    if (!why.empty()) throw usage_error("rule: " + why);
     return line + "\n";
 }
 
@@ -341,7 +325,7 @@ inline std::vector<verb> common_verbs()
                  std::string text;
                  wait_for([&] { return (text = read_file(paths.exit, exists)).find('\n') != std::string::npos; });
                  if (text.empty()) return miss("expected exit " + std::to_string(want) + ", the daemon runs on");
-                 if (strtol(text.c_str(), nullptr, 10) != want || !decimal(text.substr(0, text.find('\n'))))
+                 if (strtol(text.c_str(), nullptr, 10) != want || !dsp_rules::decimal(text.substr(0, text.find('\n'))))
                      return miss("expected exit " + std::to_string(want) + ", got " + quote(text));
                  say("daemon exited with " + std::to_string(want));
                  return true;
@@ -367,6 +351,18 @@ inline std::vector<verb> common_verbs()
                  bytes b = get();
                  printf("%s -> raw: %s\n", tag, b.size() > 64 ? (std::to_string(b.size()) + " bytes").c_str() : hex(b).c_str());
                  write_all(b);
+                 return true;
+             };
+         }},
+        {"capture", "SENT RECEIVED   from here on copy the bytes sent and received to these files\n"
+                    "                        (for --decode)",
+         2, 2, [](const args& a) -> action {
+             return [sent = a[0], received = a[1]] {
+                 for (auto [path, fd] : {std::pair{&sent, &capture_sent}, std::pair{&received, &capture_received}}) {
+                     if (*fd >= 0) close(*fd);
+                     if ((*fd = open(path->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) < 0)
+                         return miss("cannot write " + *path + ": " + strerror(errno));
+                 }
                  return true;
              };
          }},

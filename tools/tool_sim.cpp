@@ -444,7 +444,7 @@ Examples:
               "Plays the DSP tuning tool on the tool link of tty_hub.",
               more.c_str(), tool_verbs(), show,
               [](const std::string& a, const std::function<std::string()>&) { return a == "--stop-on-miss" && (stop_on_miss = true); }};
-    decoder d{"tool", first_piece, piece_text};
+    decoder d{"tool", first_piece, piece_text, [](const uint8_t* b, size_t n) { return starts(b, n, "\x55\xAA"); }};
     if (argc > 1 && std::string(argv[1]) == "--decode") return run_decode(argc, argv, d);
     return run_main(argc, argv, p);
 }
