@@ -25,7 +25,7 @@ constexpr size_t MAX_ENTRIES = DIR_SIZE / ENTRY_SIZE;
 // The name of an entry becomes a file directly in /tmp: it must end inside
 // its field, hold no "/", and be neither "." nor "..". The list's end rule
 // keeps it from being empty. One line names a refused entry (from 1), with
-// bytes that would break the line shown as "?".
+// every byte outside printable ASCII shown as "?".
 bool image_name_ok(const uint8_t* entry, size_t number)
 {
     const char* name = reinterpret_cast<const char*>(entry);
@@ -37,7 +37,10 @@ bool image_name_ok(const uint8_t* entry, size_t number)
     std::string_view view(name, len);
     if (view.find('/') == std::string_view::npos && view != "." && view != "..") return true;
     char shown[NAME_SIZE];
-    for (size_t i = 0; i <= len; ++i) shown[i] = i < len && (name[i] < 0x20 || name[i] == 0x7F) ? '?' : name[i];
+    for (size_t i = 0; i <= len; ++i) {
+        auto c = static_cast<unsigned char>(name[i]);
+        shown[i] = i < len && (c < 0x20 || c >= 0x7F) ? '?' : name[i];
+    }
     printf("[MCU IF] S8137 image %zu: name \"%s\" is not a file in /tmp\n", number, shown);
     return false;
 }
