@@ -1,57 +1,36 @@
-// What the fuzz targets share: a private root for the daemon's absolute
-// paths, the DSP service's queue with an in-process responder, the port as a
-// socketpair, and `system` replaced (the targets link with --wrap=system).
+// What the fuzz targets share. run.sh runs each inside tools/sandbox.sh, so
+// the daemon's absolute paths and the DSP service's queue are private to it.
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <span>
 
 namespace fuzz {
 
-// Once per process, before anything touches a file: private mount and IPC
-// namespaces (needs root) and a chroot in which /tmp, /sdk, /user, /mnt and
-// /sys/class/gpio are fresh tmpfs directories and every other top-level
-// directory is the host's, bound read-only at its own path. The working
-// directory is bound writable at its own path, wherever it lies, so that
-// libFuzzer's corpus and artifacts work when given relative to it.
-// Then creates the DSP queue at the daemon's key and starts the responder.
-void setup();
+using bytes = std::span<const uint8_t>;
 
-// setup(), open_port(), and the link protocol `id` registered, selected and
-// (if init) initialised. Returns the port's other end.
-int start_link(int id, bool init = true);
+// Starts a stand-in of the DSP service on the daemon's queue and makes the
+// port one end of a socketpair whose output a thread drains. Registers both
+// links and selects `link` (0: none), initialising it when `init`. Returns
+// the port's other end, to write input into.
+int start(int link = 0, bool init = false);
 
-// Takes the reply script from the front of an input (a byte n, then n bytes
-// of "a\nb\n..." replies, cut to the input) into set_replies; returns the
-// number of bytes it took.
-size_t take_replies(const uint8_t* data, size_t size);
+// Takes a reply script from the front of an input: a byte n, then n bytes
+// "a\nb\n..." answering the next requests in order. After them, state
+// queries get 0, 1, 2, 3 in turn and all else "[ok]", so that no wait of a
+// handler runs to its time limit. Returns the rest of the input.
+bytes take_replies(bytes in);
 
-// Replies of the DSP service stand-in for the next requests, in order; once
-// they are used up it answers state queries with 0, 1, 2, 3 in turn and all
-// else with "[ok]", so that no wait of a handler runs to its time limit.
-void set_replies(std::vector<std::string> replies);
-// Splits "a\nb\n..." into replies; used to take a reply script from input.
-std::vector<std::string> split_replies(std::string_view script);
-// Requests the responder has answered since the process started.
-size_t requests_seen();
+// Bytes the daemon has not read from the port yet; dropping them.
+size_t pending();
+void drain_port();
 
-// serial_fd becomes one end of a non-blocking socketpair; a thread drains
-// what the daemon writes to it. Returns the other end, to write input into.
-int open_port();
-// Number of bytes waiting to be read on serial_fd.
-size_t port_pending();
+void put_file(const char* path, bytes data);
+void clear_dir(const char* path);  // its files
 
-// Thrown by the wrapped `pause`, with which the daemon waits for good.
+inline uint64_t le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint64_t(p[3]) << 24; }
+
+// Thrown by the wrapped pause(), the daemon's wait for good.
 struct parked {};
-
-// Status that the wrapped `system` returns (0 at start).
-extern int system_status;
-
-// Empties a directory inside the private root (between inputs).
-void clear_dir(const char* path);
-// Writes a whole file inside the private root.
-void put_file(const char* path, const uint8_t* data, size_t size);
 
 }  // namespace fuzz
