@@ -51,8 +51,13 @@ write_standin() {
     local root=$1 path=$2
     local name=${path##*/}
     standin_file "$root" "$path"
+    local answer=
+    # devmem ADDR reads the register: it answers what was last written there
+    # (devmem ADDR WIDTH VALUE), 0 at first, as the platform's tool does.
+    [ "$name" = devmem ] && answer='if [ $# -ge 3 ]; then printf "0x%08X\n" "$3" >/.sb/devmem.reg; elif [ $# -ge 1 ]; then cat /.sb/devmem.reg 2>/dev/null || echo 0x00000000; fi'
     printf '%s\n' '#!/bin/sh' \
         "if [ \$# -gt 0 ]; then printf '%s\\n' \"$name \$*\" >>/.sb/standin.log; else printf '%s\\n' '$name' >>/.sb/standin.log; fi" \
+        "$answer" \
         'st=0' \
         "[ -r /.sb/standin/$name.status ] && read -r st </.sb/standin/$name.status" \
         'exit "$st"' >"$STANDIN_FILE"
