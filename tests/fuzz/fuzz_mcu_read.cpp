@@ -1,8 +1,7 @@
-// The MCU firmware upload: the handshake and the 12-byte READ requests that
-// the MCU sends, answered out of the package.
-// Input: the package's length (2 bytes, little-endian), the package, then
-// the messages on the port. The upload ends in its finished state (or when
-// the messages run out), where the wrapped pause hands back.
+// The MCU firmware upload: the handshake and the READ requests answered out
+// of the package. Input: the package's length (2 bytes, little-endian), the
+// package, then the messages on the port. The upload ends in its finished
+// state or when they run out.
 #include <unistd.h>
 
 #include "tests/fuzz/fuzz_env.h"

@@ -1,9 +1,7 @@
-// The MCU frame stream: mcu_recv and mcu_parse through if_poll, with the
-// whole MCU link set up by mcu_init (queue, pipe, GPIO, the three workers,
-// the OTA listener) and every handler live but the firmware upload, which
-// leaves the frame link for good (fuzz_mcu_read has it).
-// Input: the DSP reply script (fuzz_env.h), then the bytes on the port.
-#include <cstdlib>
+// The MCU frame stream through if_poll, with the whole link set up by
+// mcu_init and every handler live but the firmware upload, which leaves the
+// frame link for good (fuzz_mcu_read has it). Input: the DSP reply script
+// (fuzz_env.h), then the bytes on the port.
 #include <unistd.h>
 
 #include "core/protocol.h"

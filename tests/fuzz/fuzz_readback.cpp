@@ -1,7 +1,6 @@
-// Read-back queries: the numbers of s4_drc_*, s4_filter_* and s4_bm_* read
-// from the line, and the reply line built around any response text.
-// Input: the DSP reply script (fuzz_env.h), a byte that picks the query,
-// then the line.
+// Read-back queries: the numbers read from s4_drc_*, s4_filter_* and s4_bm_*
+// lines, and the reply line built around any response. Input: the DSP reply
+// script (fuzz_env.h), a byte that picks the query, then the line.
 #include <cstring>
 #include <memory>
 
@@ -15,20 +14,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     // The numbered queries see only lines whose word matched their pattern.
     constexpr std::pair<tool_text_handler, const char*> queries[] = {
-        {tool_s2_info, ""},       {tool_s4_md_en, ""},     {tool_s4_output, ""},  {tool_s4_mmix_a, ""},
-        {tool_s4_mmix_b, ""},     {tool_s4_mmix_c, ""},    {tool_s4_volc, ""},    {tool_s4_headroom, ""},
-        {tool_s4_delay, ""},      {tool_s4_filter, ""},    {tool_s4_truvol, ""},  {tool_s4_virtualx, ""},
-        {tool_s4_mcd, ""},        {tool_s4_mode, ""},      {tool_s4_audinfo, ""}, {tool_s4_prf, ""},
-        {tool_s4_drc, "dsp s4_drc_"}, {tool_s4_filter_n, "dsp s4_filter_"}, {tool_s4_bm, "dsp s4_bm_"},
+        {tool_s2_info, ""},   {tool_s4_md_en, ""},   {tool_s4_output, ""},   {tool_s4_mmix_a, ""}, {tool_s4_mmix_b, ""},
+        {tool_s4_mmix_c, ""}, {tool_s4_volc, ""},    {tool_s4_headroom, ""}, {tool_s4_delay, ""},  {tool_s4_filter, ""},
+        {tool_s4_truvol, ""}, {tool_s4_virtualx, ""}, {tool_s4_mcd, ""},     {tool_s4_mode, ""},   {tool_s4_audinfo, ""},
+        {tool_s4_prf, ""}, {tool_s4_drc, "dsp s4_drc_"}, {tool_s4_filter_n, "dsp s4_filter_"}, {tool_s4_bm, "dsp s4_bm_"},
     };
     fuzz::bytes in = fuzz::take_replies({data, size});
     if (in.empty()) return -1;
     auto [handler, prefix] = queries[in[0] % std::size(queries)];
-    // Lines of at most 3071 bytes, in a buffer of their own.
-    std::string line = prefix;
-    line.append(reinterpret_cast<const char*>(in.data()) + 1, std::min(in.size() - 1, TOOL_BUF_SIZE - 1 - line.size()));
-    std::unique_ptr<char[]> copy(new char[line.size() + 1]);
-    memcpy(copy.get(), line.c_str(), line.size() + 1);
-    handler(copy.get());
+    // Lines of at most 3071 bytes, each in a buffer of its own length.
+    size_t p = strlen(prefix), n = std::min(in.size() - 1, TOOL_BUF_SIZE - 1 - p);
+    std::unique_ptr<char[]> line(new char[p + n + 1]);
+    memcpy(line.get(), prefix, p);
+    memcpy(line.get() + p, in.data() + 1, n);
+    line[p + n] = '\0';
+    handler(line.get());
     return 0;
 }

@@ -1,9 +1,7 @@
-// Tool link input: the probe, text lines (tuning lines and read-back queries
-// through the pattern table) and tool frames (the file transfer), one input
-// after another, as tool_recv leaves each in tool_buf.
-// Input: the DSP reply script (fuzz_env.h), then inputs, each a 2-byte
-// little-endian length and its bytes. Bytes beyond the 3072 of tool_buf wait
-// on the port, where a frame that is still short finds them.
+// Tool link input as tool_recv leaves it in tool_buf: the probe, text lines
+// (tuning lines, read-back queries) and tool frames (file transfer). Input:
+// the DSP reply script (fuzz_env.h), then inputs, each a 2-byte little-endian
+// length and its bytes; bytes beyond tool_buf's 3072 wait on the port.
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>

@@ -1,12 +1,9 @@
-// The image table of a USB upgrade file: records searched by name, their MD5
-// texts, offsets and lengths, and the copy of each image they point at.
-// Input: the bytes at the table's position (0x100880) of a file whose first
-// part is sparse. Unless bit 0 of byte 0 is set, the kernel and rootfs
-// records whose images lie inside the file get the right MD5 text, so that
-// the programming steps are reached.
+// The image table of a USB upgrade file and the copy of each image. Input:
+// the bytes at the table (0x100880) of a file sparse in front. Unless bit 0
+// of byte 0 is set, kernel and rootfs records whose images lie in the file
+// get their right MD5 text, so that the programming steps are reached.
 #include <cstring>
 #include <fcntl.h>
-#include <unistd.h>
 #include <vector>
 
 #include "core/protocol.h"
@@ -20,11 +17,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     constexpr size_t TABLE = 0x100880;
     std::vector<uint8_t> t(data, data + size);
-    for (size_t r = 0; (size == 0 || !(data[0] & 1)) && r + 128 <= size && r < 10 * 128; r += 128) {
-        const char* name = reinterpret_cast<char*>(&t[r]);
-        if (strncmp(name, "kernel", 7) && strncmp(name, "rootfs", 7)) continue;
+    for (size_t r = 0; size > 0 && !(data[0] & 1) && r + 128 <= size && r < 10 * 128; r += 128) {
         uint64_t off = fuzz::le32(&t[r + 68]), len = fuzz::le32(&t[r + 72]);
-        if (off < TABLE || off - TABLE + len > size) continue;
+        if ((memcmp(&t[r], "kernel", 7) && memcmp(&t[r], "rootfs", 7)) || off < TABLE || off - TABLE + len > size)
+            continue;
         md5_context ctx;
         uint8_t d[16];
         md5_init(&ctx);
