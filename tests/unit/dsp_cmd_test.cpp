@@ -61,7 +61,9 @@ protected:
     std::string commands(int (*handler)(const uint8_t*, uint8_t), std::vector<uint8_t> payload)
     {
         testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
         handler(payload.data(), static_cast<uint8_t>(payload.size()));
+        testing::internal::GetCapturedStderr();
         testing::internal::GetCapturedStdout();
         std::string s = taken();
         std::erase(s, '\0');
@@ -125,10 +127,11 @@ TEST_F(DspCmd, AtmosAndDtsxRows)
               "dsp atmos 9 1 11\ndsp atmos 9 2 22\ndsp atmos 9 3 33\ndsp atmos 9 4 44\n"
               "dsp atmos 1 1\ndsp atmos 3 1\ndsp atmos 10 1\ndsp atmos 5 1\ndsp atmos 11 1\n"
               "dsp atmos 7 2 1\ndsp atmos 7 1 1\ndsp atmos 7 0 8\ndsp atmos 15 1\n" + report);
-    // Only changed fields go out; mapped field 3 sends nothing.
-    EXPECT_EQ(commands(handler_atmos, {0x5A, 37, 150, 0xF0, 11, 22, 33, 44, 0x78, 0x86, 1, 0}),
-              "dsp atmos 7 1 0\n" + report);
-    // Every field changes and every reply refuses: report bytes 10 and 11 carry all failure bits.
+    // Only changed fields go out.
+    EXPECT_EQ(commands(handler_atmos, {0x5A, 37, 150, 0xB0, 11, 22, 33, 44, 0x78, 0x86, 1, 0}),
+              "dsp atmos 9 0 0\ndsp atmos 7 1 0\n" + report);
+    // Every field changes and every reply refuses: report bytes 10 and 11 carry the failure bits,
+    // but for mapped field 3, which sends nothing.
     int fds[2], saved = serial_fd;
     ASSERT_EQ(pipe(fds), 0);
     serial_fd = fds[1];
@@ -136,10 +139,10 @@ TEST_F(DspCmd, AtmosAndDtsxRows)
     protocol_register(&mcu_vmb_protocol);
     protocol_select(PROTO_MCU);
     answer_with([](const char* req) { return strncmp(req, "dsp atmos", 9) ? "[ok]" : "[no]"; });
-    commands(handler_atmos, {0xA5, 38, 151, 0x0F, 12, 23, 34, 45, 0x07, 0x48, 2, 0});
+    commands(handler_atmos, {0xA5, 38, 151, 0xCF, 12, 23, 34, 45, 0x07, 0x48, 2, 0});
     uint8_t frame[16] = {};
     EXPECT_EQ(read(fds[0], frame, sizeof frame), 16);
-    EXPECT_EQ((std::vector<uint8_t>{frame[2], frame[13], frame[14]}), (std::vector<uint8_t>{0x21, 0x7F, 0x7E}));
+    EXPECT_EQ((std::vector<uint8_t>{frame[2], frame[13], frame[14]}), (std::vector<uint8_t>{0x21, 0x77, 0x7E}));
     protocol_reset();
     serial_fd = saved;
     close(fds[0]);
@@ -151,21 +154,32 @@ TEST_F(DspCmd, AtmosAndDtsxRows)
     EXPECT_EQ(commands(handler_dtsx, {0x0E, 0xD0, 0x16, 0}), "dsp dtsx 4 0\ndsp dtsx 0 6\n");
 }
 
-TEST_F(DspCmd, InputSourceAndMixModeRows)
+TEST_F(DspCmd, SourceMixModeAndI2sRows)
 {
-    mcu_state.source_seen = mcu_state.mix_seen = mcu_state.dec_upmix_seen = mcu_state.audio_format = 0;
-    mcu_state.i2s_seen = 1;  // the I2S word stays as it is: it runs devmem
-    mcu_state.last_i2s_word = 0;
-    // Byte 0: source in the low nibble, mix mode in the high one; bytes 1 and 2 only count the first time.
-    struct { uint8_t byte0; const char* sent; } rows[] = {
-        {0x10, "dsp vmb_input_source 0\ndsp vmb_2ch_audio_mode 0\ndsp dec_out 4\ndsp upmix 2\n"},
-        {0x26, "dsp vmb_input_source 6\ndsp vmb_2ch_audio_mode 1\n"},
-        {0x38, "dsp vmb_input_source 8\ndsp vmb_2ch_audio_mode 2\n"},
-        {0x4A, "dsp vmb_input_source 10\ndsp vmb_2ch_audio_mode 3\n"},
-        {0x5C, "dsp vmb_input_source 0\ndsp vmb_2ch_audio_mode 4\n"},  // 12 sends 0
-        {0xAC, "dsp vmb_2ch_audio_mode 1\n"},                          // 12 is kept, not 0
-        {0x65, ""}, {0x07, ""}, {0xF9, ""}, {0xBB, ""}, {0x0D, ""},     // unknown
-        {0x1C, "dsp vmb_2ch_audio_mode 0\n"},
+    setenv("PATH", "/nonexistent", 1);  // the register's devmem commands find no devmem
+    mcu_state.source_seen = mcu_state.mix_seen = mcu_state.dec_upmix_seen = mcu_state.i2s_seen = 0;
+    mcu_state.audio_format = 0;
+    // Byte 0: source in the low nibble, mix mode in the high one; bytes 1 and 2 count the first time
+    // only; byte 3, the I2S word: rate, out format, in format (bits 7-6, 5-4, 1-0).
+    struct { uint8_t byte0, i2s; const char* sent; } rows[] = {
+        {0x10, 0x00, "dsp vmb_input_source 0\ndsp vmb_2ch_audio_mode 0\ndsp dec_out 4\ndsp upmix 2\n"
+                     "dsp smp 48000\ndsp i2sout delay 1\ndsp i2sout justify 0\ndsp i2sout parity 0\n"
+                     "dsp i2sin delay 1\ndsp i2sin justify 0\ndsp i2sin parity 0\n"},
+        {0x21, 0x61, "dsp vmb_input_source 1\ndsp vmb_2ch_audio_mode 1\ndsp smp 44100\ndsp i2sout delay 0\n"
+                     "dsp i2sout justify 1\ndsp i2sout parity 1\ndsp i2sin delay 0\ndsp i2sin justify 0\n"
+                     "dsp i2sin parity 1\n"},
+        {0x32, 0xF3, "dsp vmb_input_source 2\ndsp vmb_2ch_audio_mode 2\ndsp smp 0\n"},  // wrong rate; format 3
+        {0x43, 0xA3, "dsp vmb_input_source 3\ndsp vmb_2ch_audio_mode 3\ndsp smp 96000\ndsp i2sout delay 0\n"
+                     "dsp i2sout justify 1\ndsp i2sout parity 1\n"},
+        {0x54, 0xA3, "dsp vmb_input_source 4\ndsp vmb_2ch_audio_mode 4\n"},
+        {0x16, 0xA3, "dsp vmb_input_source 6\ndsp vmb_2ch_audio_mode 0\n"},
+        {0x28, 0xA3, "dsp vmb_input_source 8\ndsp vmb_2ch_audio_mode 1\n"},
+        {0x3A, 0xA3, "dsp vmb_input_source 10\ndsp vmb_2ch_audio_mode 2\n"},
+        {0x4C, 0xA3, "dsp vmb_input_source 0\ndsp vmb_2ch_audio_mode 3\n"},  // 12 sends 0
+        {0xAC, 0xA3, "dsp vmb_2ch_audio_mode 1\n"},                          // and stays 12
+        {0x65, 0xA3, ""}, {0x07, 0xA3, ""}, {0xF9, 0xA3, ""}, {0xBB, 0xA3, ""}, {0x0D, 0xA3, ""},  // unknown
+        {0x1C, 0xA3, "dsp vmb_2ch_audio_mode 0\n"},
     };
-    for (const auto& r : rows) EXPECT_EQ(commands(handler_mix_mode, {r.byte0, 0x02, 0x84, 0}), r.sent) << +r.byte0;
+    for (const auto& r : rows)
+        EXPECT_EQ(commands(handler_mix_mode, {r.byte0, 0x02, 0x84, r.i2s}), r.sent) << +r.byte0 << " " << +r.i2s;
 }
