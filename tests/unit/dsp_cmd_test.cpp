@@ -182,4 +182,19 @@ TEST_F(DspCmd, SourceMixModeAndI2sRows)
     };
     for (const auto& r : rows)
         EXPECT_EQ(commands(handler_mix_mode, {r.byte0, 0x02, 0x84, r.i2s}), r.sent) << +r.byte0 << " " << +r.i2s;
+    EXPECT_EQ(commands(handler_mix_mode, {0x1C, 0x04, 0x84, 0xA3}), "dsp dec_out 2\n");
+}
+
+TEST_F(DspCmd, BassManagementRows)
+{
+    // Positions 0-8 set the gain of their one or two targets, 9-15 the value (twice the byte).
+    mcu_state.bm_seen = 0;
+    EXPECT_EQ(commands(handler_bm, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}),
+              "dsp bm 0 10 100\ndsp bm 0 11 100\ndsp bm 0 14 89\ndsp bm 0 15 79\ndsp bm 0 12 70\ndsp bm 0 13 70\n"
+              "dsp bm 0 16 63\ndsp bm 0 17 63\ndsp bm 0 18 56\ndsp bm 0 19 56\ndsp bm 0 20 50\ndsp bm 0 21 50\n"
+              "dsp bm 0 26 44\ndsp bm 0 27 44\ndsp bm 0 28 39\ndsp bm 0 29 39\ndsp bm 0 1 1 18 0\ndsp bm 0 1 1 18 1\n"
+              "dsp bm 0 1 1 20 4\ndsp bm 0 1 1 22 5\ndsp bm 0 1 1 24 2\ndsp bm 0 1 1 24 3\ndsp bm 0 1 1 26 6\n"
+              "dsp bm 0 1 1 26 7\ndsp bm 0 1 1 28 8\ndsp bm 0 1 1 28 9\ndsp bm 0 1 1 30 10\ndsp bm 0 1 1 30 11\n");
+    EXPECT_EQ(commands(handler_bm, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 40}),
+              "dsp bm 0 1 1 80 10\ndsp bm 0 1 1 80 11\n");  // only the changed position
 }

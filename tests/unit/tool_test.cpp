@@ -17,7 +17,8 @@ TEST(ToolTuning, GrammarAndChecksum)
         {"bm", "dsp bm 0 9 1 1.5 2.5 -1.5 fffffe74", 0xfffffe74, 0xfffffe74},
         {"vol", "dsp vol 3 -2.5 0xFFFFFFFB", 0xfffffffb, 0xfffffffb}, {"output", "dsp output 4000000000 0", 4000000000, 0},
         {"vol", "dsp vol 0 3e9 0", 0xfffffffc, 0}, {"vol", "dsp vol 1 nan 0", 1, 0},  // F saturates, NaN is 0
-        {"headroom", "dsp headroom 7 -0.9 7", 7, 7},
+        {"headroom", "dsp headroom 7 -0.9 7", 7, 7},   {"output", "dsp output +5 0x5", 5, 5},
+        {"delay", "dsp delay 2 3 0x5", 0xe, 5},        {"delay", "dsp delay 2 3 0x", -1, 0},
         // Selectors choose the row of field kinds.
         {"bm", "dsp bm 0 9 1 5", 0x34, 5}, {"bm", "dsp bm 1 2 3 4.5 5 0", 0x439, 0}, {"bm", "dsp bm 1 20 3 0", 0x61, 0},
         {"atmos", "dsp atmos 12 c", 0xc, 0xc},          {"atmos", "dsp atmos 12 1 0", -1, 0},
@@ -26,6 +27,7 @@ TEST(ToolTuning, GrammarAndChecksum)
         {"atmos", "dsp atmos -1 4 0", 0xffffffef, 0},   {"virtualx", "dsp virtualx 5 2.5 0", 0xd, 0},
         {"virtualx", "dsp virtualx 90 2.5 0", 0x52, 0}, {"virtualx", "dsp virtualx 56 2.5 0", -1, 0},
         {"virtualx", "dsp virtualx 71 2 0", 0x4f, 0},   {"filter", "dsp filter 1 12 3 0", 0x1, 0},
+        {"filter", "dsp filter 1 10 3 0", 0x19, 0},     {"filter", "dsp filter 1 11 3 0", 0x1d, 0},
         {"filter", "dsp filter 1 10 3 4.5 0", -1, 0},   {"drc", "dsp drc 8 1 0", 0xc, 0},
         {"drc", "dsp drc 7 1 2.5 0", 0x23, 0},          {"matrix", "dsp matrix 17 1 0", 0x15, 0},
         {"matrix", "dsp matrix 1 2 3 4 0", 0x139, 0},   {"truvol", "dsp truvol 2 -0.5 0", 2, 0},
@@ -40,8 +42,14 @@ TEST(ToolTuning, GrammarAndChecksum)
     for (const auto& r : rows) {
         uint32_t computed = 1, received = 1;
         int ok = tool_tuning_check(r.name, r.line, &computed, &received);
-        EXPECT_EQ(ok == 0 ? int64_t(computed) : -1, r.sum) << r.line;
+        EXPECT_EQ(ok == 0 ? int64_t(computed) : ok, r.sum) << r.line;
         EXPECT_EQ(ok == 0 ? received : r.k, r.k) << r.line;
+    }
+    for (int sel : {2, 3, 5, 6, 27, 28, 55, 56, 71, 72, 90, 91}) {  // virtualx selectors of an F field
+        uint32_t computed, received;
+        bool real = (sel >= 3 && sel <= 5) || (sel >= 28 && sel <= 55) || (sel >= 72 && sel <= 90);
+        std::string line = "dsp virtualx " + std::to_string(sel) + " 2.5 0";
+        EXPECT_EQ(tool_tuning_check("virtualx", line.c_str(), &computed, &received), real ? 0 : -1) << sel;
     }
     // Found by fuzzing: with no blank, or one right at the fields, K must not be taken from behind it.
     for (const char* name : {"bm", "atmos", "virtualx", "truvol", "filter", "drc", "matrix", "delay", "headroom", "vol"})
