@@ -29,7 +29,7 @@ struct parked {};  // thrown by the wrapped pause(), the daemon's wait for good
 inline size_t pending()  // bytes the daemon has not read from the port
 {
     int n = 0;
-    return ioctl(serial_fd, FIONREAD, &n) == 0 && n > 0 ? static_cast<size_t>(n) : 0;
+    return ioctl(serial_fd, FIONREAD, &n) == 0 ? static_cast<size_t>(n) : 0;
 }
 inline void drain_port()
 {

@@ -14,10 +14,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     // The numbered queries see only lines whose word matched their pattern.
     constexpr std::pair<tool_text_handler, const char*> queries[] = {
-        {tool_s2_info, ""},   {tool_s4_md_en, ""},   {tool_s4_output, ""},   {tool_s4_mmix_a, ""}, {tool_s4_mmix_b, ""},
-        {tool_s4_mmix_c, ""}, {tool_s4_volc, ""},    {tool_s4_headroom, ""}, {tool_s4_delay, ""},  {tool_s4_filter, ""},
-        {tool_s4_truvol, ""}, {tool_s4_virtualx, ""}, {tool_s4_mcd, ""},     {tool_s4_mode, ""},   {tool_s4_audinfo, ""},
-        {tool_s4_prf, ""}, {tool_s4_drc, "dsp s4_drc_"}, {tool_s4_filter_n, "dsp s4_filter_"}, {tool_s4_bm, "dsp s4_bm_"},
+        {tool_s2_info, ""},     {tool_s4_md_en, ""},    {tool_s4_output, ""}, {tool_s4_mmix_a, ""},
+        {tool_s4_mmix_b, ""},   {tool_s4_mmix_c, ""},   {tool_s4_volc, ""},   {tool_s4_headroom, ""},
+        {tool_s4_delay, ""},    {tool_s4_filter, ""},   {tool_s4_truvol, ""}, {tool_s4_virtualx, ""},
+        {tool_s4_mcd, ""},      {tool_s4_mode, ""},     {tool_s4_audinfo, ""}, {tool_s4_prf, ""},
+        {tool_s4_drc, "dsp s4_drc_"}, {tool_s4_filter_n, "dsp s4_filter_"}, {tool_s4_bm, "dsp s4_bm_"},
     };
     fuzz::bytes in = fuzz::take_replies({data, size});
     if (in.empty()) return -1;

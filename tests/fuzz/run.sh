@@ -1,19 +1,14 @@
 #!/bin/bash
-# Builds the libFuzzer harnesses with clang and runs each for a bounded time
-# in its own tools/sandbox.sh root, from its seed corpus (tests/fuzz/corpus).
-#
-#   tests/fuzz/run.sh [TARGET...]                    # all targets, 20 s each (CI)
-#   FUZZ_SECONDS=3600 tests/fuzz/run.sh mcu_stream   # a longer run
-#
-# Needs root and clang++ with libFuzzer. Under FUZZ_BUILD_DIR (default
-# build-fuzz) fuzz/TARGET/ is the root, with the grown corpus in corpus/ and
-# crashes in artifacts/; logs/ has the output. Replay a crash with
-# `tools/sandbox.sh run --bind BUILD/tests/fuzz ROOT BUILD/tests/fuzz/fuzz_TARGET
-# /artifacts/crash-...` and make it a unit test.
+# Builds the libFuzzer harnesses with clang (needs root and libFuzzer) and
+# runs each for FUZZ_SECONDS (20) from its seed corpus, in its own root
+# BUILD/fuzz/TARGET of tools/sandbox.sh: grown corpus in corpus/, crashes in
+# artifacts/ (replay: tools/sandbox.sh run --bind BUILD/tests/fuzz ROOT
+# BUILD/tests/fuzz/fuzz_TARGET /artifacts/crash-...), logs in BUILD/logs/.
+#   tests/fuzz/run.sh [TARGET...]      BUILD: FUZZ_BUILD_DIR, default build-fuzz
 set -euo pipefail
 src=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(mkdir -p "${FUZZ_BUILD_DIR:-$src/build-fuzz}/logs" && cd "${FUZZ_BUILD_DIR:-$src/build-fuzz}" && pwd)
-compgen -G "/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a" >/dev/null && command -v clang++ >/dev/null ||
+command -v clang++ >/dev/null && compgen -G "/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-*.a" >/dev/null ||
     { echo "fuzz: needs clang++ and libFuzzer (apt-get install clang libclang-rt-dev)"; exit 1; }
 cmake -S "$src" -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTTY_HUB_FUZZ=ON \
     -DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF >/dev/null

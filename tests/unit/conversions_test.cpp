@@ -21,7 +21,8 @@ TEST(Conversions, VolumeBassAndChannelMask)
 
     EXPECT_EQ(remap_channel_mask(0xE080), 0u);  // bits 7 and 13..15 are dropped
     const unsigned moved[13] = {0x001, 0x002, 0x010, 0x020, 0x004, 0x008, 0x040, 0, 0x080, 0x100, 0x200, 0x400, 0x800};
-    for (int bit = 0; bit < 13; ++bit) EXPECT_EQ(remap_channel_mask(static_cast<uint16_t>(1u << bit)), moved[bit]) << bit;
+    for (int bit = 0; bit < 13; ++bit)
+        EXPECT_EQ(remap_channel_mask(static_cast<uint16_t>(1u << bit)), moved[bit]) << bit;
 }
 
 TEST(Conversions, RecordingIndexFromTheNames)
@@ -31,7 +32,8 @@ TEST(Conversions, RecordingIndexFromTheNames)
     // Names added, then the next index. Tones, names without a number and negative numbers count for
     // nothing; 64 wraps to 1; a number beyond int is held at INT_MAX, not wrapped into a negative.
     const std::pair<std::vector<const char*>, int> steps[] = {
-        {{}, 1}, {{"index_07.wav", "index_12.wav"}, 13}, {{"tone_40.wav", "index_.wav", "index_x.wav", "index_-9.wav"}, 13},
+        {{}, 1}, {{"index_07.wav", "index_12.wav"}, 13},
+        {{"tone_40.wav", "index_.wav", "index_x.wav", "index_-9.wav"}, 13},
         {{"index_64.wav"}, 1}, {{"index_99999999999.wav"}, 64}};
     for (const auto& [names, next] : steps) {
         for (const char* n : names) fclose(fopen((dir / n).c_str(), "w"));

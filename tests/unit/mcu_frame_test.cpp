@@ -94,7 +94,8 @@ TEST(McuFrame, ReceiveFromThePort)
     EXPECT_EQ(receive({0xFF, 0x00, 0xFF, 0x01}), std::pair(bytes{}, error));
     EXPECT_EQ(receive({}), std::pair(bytes{0xFF, 0x01}, std::string()));
     // A frame that comes in short keeps its length; the rest reads as zero.
-    EXPECT_EQ(receive({0xFF, 0x08, 0x09, 0x40}), std::pair(bytes{0xFF, 0x08, 0x09, 0x40, 0, 0, 0, 0, 0}, std::string()));
+    const bytes short_frame = {0xFF, 0x08, 0x09, 0x40, 0, 0, 0, 0, 0};
+    EXPECT_EQ(receive({0xFF, 0x08, 0x09, 0x40}), std::pair(short_frame, std::string()));
     serial_fd = -1;  // a failing read in the hunt
     EXPECT_EQ(receive({}), std::pair(bytes{}, error));
 

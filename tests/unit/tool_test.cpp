@@ -13,9 +13,10 @@ TEST(ToolTuning, GrammarAndChecksum)
 {
     // sum: the computed checksum, -1 when the line is refused; k: the K received.
     struct { const char* name; const char* line; int64_t sum; uint32_t k; } rows[] = {
-        {"delay", "dsp delay 2 100 192", 0x192, 0x192}, {"delay", "dsp delay 2 100 192\r", 0x192, 0x192},  // CR goes with K
+        {"delay", "dsp delay 2 100 192", 0x192, 0x192}, {"delay", "dsp delay 2 100 192\r", 0x192, 0x192},  // CR: K's
         {"bm", "dsp bm 0 9 1 1.5 2.5 -1.5 fffffe74", 0xfffffe74, 0xfffffe74},
-        {"vol", "dsp vol 3 -2.5 0xFFFFFFFB", 0xfffffffb, 0xfffffffb}, {"output", "dsp output 4000000000 0", 4000000000, 0},
+        {"vol", "dsp vol 3 -2.5 0xFFFFFFFB", 0xfffffffb, 0xfffffffb},
+        {"output", "dsp output 4000000000 0", 4000000000, 0},
         {"vol", "dsp vol 0 3e9 0", 0xfffffffc, 0}, {"vol", "dsp vol 1 nan 0", 1, 0},  // F saturates, NaN is 0
         {"headroom", "dsp headroom 7 -0.9 7", 7, 7},   {"output", "dsp output +5 0x5", 5, 5},
         {"delay", "dsp delay 2 3 0x5", 0xe, 5},        {"delay", "dsp delay 2 3 0x", -1, 0},
@@ -52,7 +53,8 @@ TEST(ToolTuning, GrammarAndChecksum)
         EXPECT_EQ(tool_tuning_check("virtualx", line.c_str(), &computed, &received), real ? 0 : -1) << sel;
     }
     // Found by fuzzing: with no blank, or one right at the fields, K must not be taken from behind it.
-    for (const char* name : {"bm", "atmos", "virtualx", "truvol", "filter", "drc", "matrix", "delay", "headroom", "vol"})
+    for (const char* name :
+         {"bm", "atmos", "virtualx", "truvol", "filter", "drc", "matrix", "delay", "headroom", "vol", "output"})
         for (const char* line : {"dsp", "", "dsp x"}) {
             uint32_t computed, received;
             EXPECT_EQ(tool_tuning_check(name, line, &computed, &received), -1) << name << " '" << line << "'";
