@@ -174,7 +174,7 @@ void inspector::check_ota()
     if (size_ < OTA_MCU_SECTION) {
         wrong("MCU section", "the file ends at " + std::to_string(size_) + ", before the section at 2048");
     } else {
-        uint64_t end = length != 0 && offset > OTA_MCU_SECTION ? std::min<uint64_t>(offset, size_) : size_;
+        uint64_t end = length != 0 && offset >= OTA_MCU_SECTION ? std::min<uint64_t>(offset, size_) : size_;
         line("MCU section", "2048 to " + std::to_string(end) + " (" + std::to_string(end - OTA_MCU_SECTION) +
                                 " bytes before the next section or the end)");
     }
