@@ -142,7 +142,7 @@ int main(int argc, char** argv)
         puts("Not supported baud rate");
         return -22;
     }
-    serial_fd = open(options.port, O_RDWR | O_NOCTTY);
+    serial_fd = open(options.port, O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (serial_fd < 0) {
         perror("Error opening serial port");
         free(options.port);

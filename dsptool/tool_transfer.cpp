@@ -44,12 +44,13 @@ void build_paths(char* tmp, char* final_path)
     }
 }
 
-void close_file()
+// False when the file's bytes may not all have reached the disk: a write-back
+// error (a full disk shows there too) must not be renamed over a good file.
+bool close_file()
 {
-    if (transfer_state.fd > 0) {
-        fsync(transfer_state.fd);
-        close(transfer_state.fd);
-    }
+    if (transfer_state.fd <= 0) return true;
+    bool synced = fsync(transfer_state.fd) == 0;
+    return close(transfer_state.fd) == 0 && synced;
 }
 
 }  // namespace
@@ -90,7 +91,7 @@ int tool_start_send_data(tool_frame* frame)
     char tmp[PATH_SIZE], final_path[PATH_SIZE];
     build_paths(tmp, final_path);
     // The DSP service reads the file once it is in place.
-    int fd = open(tmp, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    int fd = open(tmp, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         puts("[DSPTOOL] failed to open tmp file for receiving configuration file");
         return reply(START_SEND_DATA, 1);
@@ -134,8 +135,12 @@ int tool_end_send_data(tool_frame* frame)
         puts("[DSPTOOL] file not opened");
         return -1;
     }
-    close_file();
+    bool synced = close_file();
     transfer_state.fd = -1;
+    if (!synced) {
+        puts("[DSPTOOL] failed to sync received configuration file");
+        return reply(END_SEND_DATA, 1);
+    }
 
     if (transfer_state.announced_size != get_le32(frame->data)) {
         puts("[DSPTOOL] size information in START_SEND_DATA and END_SEND_DATA is different");

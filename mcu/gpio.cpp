@@ -11,7 +11,7 @@ namespace {
 // Opens, writes once, closes; 0 when the open worked, whatever the write did.
 int write_once(const char* path, const void* bytes, size_t n)
 {
-    int fd = open(path, O_WRONLY);
+    int fd = open(path, O_WRONLY | O_CLOEXEC);
     if (fd < 0) return fd;
     ssize_t w = write(fd, bytes, n);
     (void)w;  // the kernel refuses e.g. a value on an input line; not reported

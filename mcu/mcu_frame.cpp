@@ -6,6 +6,7 @@
 #include "core/protocol.h"
 #include "core/serial.h"
 #include "mcu/handlers.h"
+#include "mcu/mcu_state.h"
 
 const mcu_handler mcu_handler_table[16] = {
     nullptr,                    // 0
@@ -121,5 +122,5 @@ int mcu_parse(pack_buf* b) { return mcu_parse_with(b, std::span<const mcu_handle
 long mcu_send(uint8_t command, const uint8_t* payload, uint8_t length)
 {
     mcu_out_frame f{command, payload, length};
-    return if_send(reinterpret_cast<uintptr_t>(&f), 0);
+    return mcu_if_send(reinterpret_cast<uintptr_t>(&f));
 }

@@ -96,7 +96,7 @@ int mcu_init()
         puts("[MCU IF] Cannot create pipe file");
         return -1;
     }
-    int pipe_fd = open("/tmp/mcu_if_pipe", O_RDWR);
+    int pipe_fd = open("/tmp/mcu_if_pipe", O_RDWR | O_CLOEXEC);
     if (pipe_fd < 0) {
         puts("[MCU IF] Cannot open pipe file");
         return -1;

@@ -26,7 +26,6 @@ struct mcu_state_t {
     pthread_t audio_poll_thread;
     pthread_t audio_pipe_thread;
     pthread_t music_monitor_thread;
-    bool workers_started;
     int pipe_fd;
     sem_t audio_poll_sem;
     sem_t music_monitor_sem;
@@ -114,6 +113,13 @@ extern thread_local char dsp_reply[DSP_TEXT_MAX];
 int mcu_init();
 int mcu_exit();
 int mcu_start_workers(int pipe_fd);
+
+// if_send of an mcu_out_frame. A worker thread's frame is written under the
+// port exclusion and dropped (-1) once the firmware upload has the port.
+long mcu_if_send(uintptr_t frame);
+// The firmware upload takes the port: no worker frame is written from here
+// on, and the workers that were created are cancelled, not joined.
+void mcu_workers_leave_port();
 
 // Worker threads run with cancellation disabled and open it only where they
 // hold no lock and no token; these bracket such a point.

@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -34,6 +36,30 @@ public:
 private:
     int fd_;
 };
+
+// Package, image and USB file positions are sums of two 32-bit numbers.
+static_assert(sizeof(off_t) >= 8, "build with _FILE_OFFSET_BITS=64");
+
+// base + offset as a file position; up to 2^33 - 2, which no off_t wraps.
+constexpr off_t file_pos(uint32_t base, uint32_t offset) { return off_t{base} + off_t{offset}; }
+
+// Opens a file under a directory that others can write (/tmp): a symbolic
+// link is not followed, and anything but a regular file (a FIFO, a device
+// node, a directory) is refused with EINVAL. Close-on-exec, like every
+// descriptor of the daemon; O_NONBLOCK keeps a FIFO or device from holding
+// up the open and does nothing to a regular file.
+inline int open_regular(const char* path, int flags, mode_t mode = 0644)
+{
+    int fd = ::open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
+}
 
 // Reads until count bytes have come or the file ends. Returns the bytes got
 // (fewer than count only at the end of the file) or -1.

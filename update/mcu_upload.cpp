@@ -50,31 +50,43 @@ bool handshake(uint8_t* buf)
     return false;
 }
 
-// Answers the READ in buf with the sum, the data and the padding, built in
-// the same buffer. A failure is only logged: the MCU's own time-out covers it.
-void serve_read(int pkg, uint8_t* buf)
+}  // namespace
+
+ssize_t mcu_read_reply(int pkg, uint8_t* buf)
 {
     uint32_t offset = get_be32(buf + 4);
     uint32_t length = get_be32(buf + 8);
     // The buffer holds one block: a longer request gets the first 4096
     // bytes, as a request at the end of the file gets what is there.
     if (length > OTA_BLOCK) length = OTA_BLOCK;
-    off_t pos = offset == WHOLE_PACKAGE ? 0 : static_cast<off_t>(offset) + OTA_MCU_SECTION;
+    // Up to 2^32 + 2046: past the end of any package, so a READ there gets
+    // no data, whatever the offset.
+    off_t pos = offset == WHOLE_PACKAGE ? 0 : file_pos(offset, OTA_MCU_SECTION);
     if (lseek(pkg, pos, SEEK_SET) != pos) {
         puts("[MCU IF] send MCU bin failed: lseek");
-        return;
+        return -1;
     }
     ssize_t n = read(pkg, buf + 4, length);
     if (n < 0) {
         puts("[MCU IF] send MCU bin failed: read OTA file");
-        return;
+        return -1;
     }
     uint32_t sum = 0;
     for (ssize_t i = 0; i < n; ++i) sum += buf[4 + i];
     size_t reply = (static_cast<size_t>(n) + 7) & ~size_t{3};
     memset(buf + 4 + n, 0, reply - 4 - static_cast<size_t>(n));
     for (int i = 0; i < 4; ++i) buf[i] = static_cast<uint8_t>(sum >> (8 * i));
-    if (serial_write(buf, reply) < 0) puts("[MCU IF] send MCU bin failed: send data");
+    return static_cast<ssize_t>(reply);
+}
+
+namespace {
+
+// A failure is only logged: the MCU's own time-out covers it.
+void serve_read(int pkg, uint8_t* buf)
+{
+    ssize_t reply = mcu_read_reply(pkg, buf);
+    if (reply >= 0 && serial_write(buf, static_cast<size_t>(reply)) < 0)
+        puts("[MCU IF] send MCU bin failed: send data");
 }
 
 // The next 12-byte message. A read that fails or finds the port closed ends
@@ -118,19 +130,16 @@ extern "C" const char* __asan_default_options() { return "use_sigaltstack=0"; }
 
 int mcu_firmware_upload()
 {
-    unique_fd pkg(open(OTA_PACKAGE_PATH, O_RDONLY));
+    unique_fd pkg(open(OTA_PACKAGE_PATH, O_RDONLY | O_CLOEXEC));
     if (!pkg) {
         printf("[MCU IF] can not open OTA file: %s\n", strerror(errno));
         return -1;
     }
     // The workers hold no lock or token where a cancel can take them, so
     // dsp_lock and the semaphores stay usable if the handshake fails. Not
-    // joined: one inside a DSP exchange finishes it first.
-    if (mcu_state.workers_started) {
-        pthread_cancel(mcu_state.audio_poll_thread);
-        pthread_cancel(mcu_state.audio_pipe_thread);
-        pthread_cancel(mcu_state.music_monitor_thread);
-    }
+    // joined: one inside a DSP exchange finishes it first, and its frame is
+    // dropped rather than written into the handshake.
+    mcu_workers_leave_port();
     set_port(true);
     uint8_t buf[4 + OTA_BLOCK];
     if (!handshake(buf)) {

@@ -4,9 +4,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <pthread.h>
+#include <sys/types.h>
 
 inline constexpr const char* OTA_PACKAGE_PATH = "/user/OTA_UPG.bin";
+inline constexpr const char* OTA_PACKAGE_DIR = "/user";
 inline constexpr const char* OTA_TMP_PATH = "/tmp/OTA_UPG.bin";
+// The package stands here, in the package's file system, until it is whole.
+inline constexpr const char* OTA_NEW_PATH = "/user/OTA_UPG.bin.tmp";
+// Bound of the wait for the device to take "ok".
+inline constexpr int OTA_OK_WAIT_MS = 2000;
 inline constexpr const char* OTA_DEVICE_PATH = "/dev/vmb_ota";
 inline constexpr size_t OTA_BLOCK = 4096;
 // The MCU section starts here; READ offsets count from it.
@@ -53,3 +59,6 @@ void* ota_receive_thread(void*);
 void ota_start_listener();
 int do_s8137_upgrade();
 int mcu_firmware_upload();
+// The reply to the READ request in buf (sum, data, padding up to 4), built in
+// buf: its length, or -1 after the failure's line.
+ssize_t mcu_read_reply(int pkg, uint8_t* buf);

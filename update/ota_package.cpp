@@ -19,7 +19,7 @@ header_guard::~header_guard() { pthread_mutex_unlock(&ota_info.header_lock); }
 
 int ota_read_header_locked()
 {
-    unique_fd fd(open(OTA_PACKAGE_PATH, O_RDONLY));
+    unique_fd fd(open(OTA_PACKAGE_PATH, O_RDONLY | O_CLOEXEC));
     if (!fd) {
         printf("[MCU IF] can not open OTA file: %s\n", strerror(errno));
         return -1;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <unistd.h>
 
 #include "update/fd_io.h"
@@ -21,27 +22,41 @@ constexpr size_t NAME_SIZE = 32;
 // Whole entries that fit the directory; a list without an end stops here.
 constexpr size_t MAX_ENTRIES = DIR_SIZE / ENTRY_SIZE;
 
+// The name of an entry becomes a file directly in /tmp: it must end inside
+// its field, hold no "/", and be neither "." nor "..". The list's end rule
+// keeps it from being empty. One line names a refused entry (from 1), with
+// bytes that would break the line shown as "?".
+bool image_name_ok(const uint8_t* entry, size_t number)
+{
+    const char* name = reinterpret_cast<const char*>(entry);
+    size_t len = strnlen(name, NAME_SIZE);
+    if (len == NAME_SIZE) {
+        printf("[MCU IF] S8137 image %zu: name without end\n", number);
+        return false;
+    }
+    std::string_view view(name, len);
+    if (view.find('/') == std::string_view::npos && view != "." && view != "..") return true;
+    char shown[NAME_SIZE];
+    for (size_t i = 0; i <= len; ++i) shown[i] = i < len && (name[i] < 0x20 || name[i] == 0x7F) ? '?' : name[i];
+    printf("[MCU IF] S8137 image %zu: name \"%s\" is not a file in /tmp\n", number, shown);
+    return false;
+}
+
 // Streams one image out of the package into /tmp/<name>. A read that ends
 // before length bytes means the image runs past the package: a read failure.
-int unpack_image(int pkg, const uint8_t* entry, off_t section, uint8_t* block)
+int unpack_image(int pkg, const uint8_t* entry, uint32_t section, uint8_t* block)
 {
-    // The name must end inside its field; one that does not is no valid
-    // entry, and using it would mean reading into the numbers behind it.
-    if (!memchr(entry, 0, NAME_SIZE)) {
-        puts("[MCU IF] S8137 image name without end");
-        return -1;
-    }
     uint32_t offset = get_be32(entry + NAME_SIZE);
     uint32_t length = get_be32(entry + NAME_SIZE + 4);
     char path[40];
     snprintf(path, sizeof path, "/tmp/%.31s", reinterpret_cast<const char*>(entry));
 
-    unique_fd image(open(path, O_RDWR | O_CREAT, 0644));
+    unique_fd image(open_regular(path, O_RDWR | O_CREAT));
     if (!image) {
         printf("[MCU IF] create temporary file failed: %s\n", strerror(errno));
         return -1;
     }
-    off_t pos = section + static_cast<off_t>(offset);
+    off_t pos = file_pos(section, offset);
     if (lseek(pkg, pos, SEEK_SET) != pos) {
         int err = errno;
         image.reset();
@@ -73,7 +88,7 @@ int unpack_image(int pkg, const uint8_t* entry, off_t section, uint8_t* block)
 // whole section, then the images. 0 when all of it worked.
 int unpack_s8137(uint8_t* block)
 {
-    unique_fd pkg(open(OTA_PACKAGE_PATH, O_RDONLY));
+    unique_fd pkg(open(OTA_PACKAGE_PATH, O_RDONLY | O_CLOEXEC));
     if (!pkg) {
         printf("[MCU IF] open OTA upgrade file failed: %s\n", strerror(errno));
         return -1;
@@ -97,7 +112,7 @@ int unpack_s8137(uint8_t* block)
         puts("[MCU IF] S8137 OTA file check error");
         return -1;
     }
-    const off_t section = s8137_offset;
+    const off_t section = file_pos(s8137_offset, 0);
     if (lseek(pkg.get(), section, SEEK_SET) != section) {
         printf("[MCU IF] lseek failed: %s\n", strerror(errno));
         return -1;
@@ -128,7 +143,8 @@ int unpack_s8137(uint8_t* block)
         puts("[MCU IF] S8137 OTA file check error");
         return -1;
     }
-    if (lseek(pkg.get(), section + DIGEST_SIZE, SEEK_SET) != section + static_cast<off_t>(DIGEST_SIZE)) {
+    const off_t directory_pos = file_pos(s8137_offset, DIGEST_SIZE);
+    if (lseek(pkg.get(), directory_pos, SEEK_SET) != directory_pos) {
         printf("[MCU IF] lseek failed: %s\n", strerror(errno));
         return -1;
     }
@@ -138,8 +154,12 @@ int unpack_s8137(uint8_t* block)
         printf("[MCU IF] read failed: %s\n", io_error_text(r));
         return -1;
     }
-    for (size_t i = 0; i < MAX_ENTRIES && directory[i * ENTRY_SIZE] != 0; ++i)
-        if (unpack_image(pkg.get(), directory + i * ENTRY_SIZE, section, block) != 0) return -1;
+    // Every name is checked before any file is made.
+    size_t entries = 0;
+    for (; entries < MAX_ENTRIES && directory[entries * ENTRY_SIZE] != 0; ++entries)
+        if (!image_name_ok(directory + entries * ENTRY_SIZE, entries + 1)) return -1;
+    for (size_t i = 0; i < entries; ++i)
+        if (unpack_image(pkg.get(), directory + i * ENTRY_SIZE, s8137_offset, block) != 0) return -1;
     return 0;
 }
 

@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char* FN = "handler_udisk_upg_control";
 constexpr const char* TMP_PATH = "/tmp/udisk_upg_tmp";
-constexpr off_t TABLE_POS = 0x100880;
+constexpr uint32_t TABLE_POS = 0x100880;
 constexpr size_t RECORD_SIZE = 128;
 constexpr int RECORDS_READ = 11;
 constexpr int RECORDS_MATCHED = 10;
@@ -74,7 +74,7 @@ int find_record(int disk, uint8_t* block, upg_image& img)
 // 0, or the failure status.
 uint8_t flash_image(int disk, int tmp, uint8_t* block, uint32_t base, upg_image& img)
 {
-    off_t pos = static_cast<off_t>(base) + img.offset;
+    off_t pos = file_pos(base, img.offset);
     if (lseek(disk, pos, SEEK_SET) != pos) {
         printf("[MCU IF] %s(%d) lseek failed: %s\n", FN, 2328, strerror(errno));
         return UPG_FAIL_IMAGE;
@@ -135,12 +135,12 @@ uint8_t udisk_upgrade(uint32_t base, const char* path, uint8_t& percent)
         printf("[MCU IF] %s allocate memory failed\n", FN);
         return UPG_FAIL_EARLY;
     }
-    unique_fd disk(open(path, O_RDONLY));
+    unique_fd disk(open(path, O_RDONLY | O_CLOEXEC));
     if (!disk) {
         printf("[MCU IF] open USB upgrade file %s failed: %s\n", path, strerror(errno));
         return UPG_FAIL_EARLY;
     }
-    unique_fd tmp(open(TMP_PATH, O_RDWR | O_CREAT, 0644));
+    unique_fd tmp(open_regular(TMP_PATH, O_RDWR | O_CREAT));
     if (!tmp) {
         printf("[MCU IF] open tmp file for USB upgrade failed: %s\n", strerror(errno));
         return UPG_FAIL_EARLY;
@@ -151,7 +151,7 @@ uint8_t udisk_upgrade(uint32_t base, const char* path, uint8_t& percent)
         // Table failures of rootfs come after kernel is written: they are
         // image failures at the percent reached, never a progress status.
         uint8_t table_fail = k == 0 ? UPG_FAIL_EARLY : UPG_FAIL_IMAGE;
-        off_t table = static_cast<off_t>(base) + TABLE_POS;
+        off_t table = file_pos(base, TABLE_POS);
         if (lseek(disk.get(), table, SEEK_SET) != table) {
             printf("[MCU IF] %s(%d) lseek failed: %s\n", FN, 2302, strerror(errno));
             return table_fail;
