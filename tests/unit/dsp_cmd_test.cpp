@@ -160,6 +160,14 @@ TEST_F(DspCmd, SignalsDoNotLoseTheExchange)
 TEST_F(DspCmd, QueueFailuresReleaseTheLock)
 {
     std::string req, out;
+    // A reply that does not fit fails its command only: it leaves the queue.
+    auto vol = [] { return dsp_cmd(dsp_reply_ok, "dsp vol 1 0\n"); };
+    EXPECT_EQ(exchange(vol, std::string(3071, 'x'), &req, &out), -1);
+    EXPECT_EQ(out, "[MCU IF] command failed\n");
+    EXPECT_EQ(exchange(vol, std::string(3072, 'x'), &req, &out), -1);
+    EXPECT_EQ(out, "[MCU IF] receive dsp command response failed\n");
+    EXPECT_EQ(exchange(vol, "[ok]", &req, &out), 0);
+
     // The queue goes away while the reply is awaited.
     std::thread service([&] {
         req = take_request();
