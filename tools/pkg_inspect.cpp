@@ -92,10 +92,10 @@ public:
 
     uint32_t crc(uint64_t pos, uint64_t len)
     {
-        static uint32_t table[256];
-        if (table[0] == 0) ota_crc_build_table(table);
+        static uint32_t table[256], lanes[8][256];
+        if (table[0] == 0) ota_crc_build_table(table, lanes);
         uint32_t value = 0;
-        stream(pos, len, [&](const uint8_t* p, size_t n) { value = ota_crc_update(table, value, p, n); });
+        stream(pos, len, [&](const uint8_t* p, size_t n) { value = ota_crc_update(table, lanes, value, p, n); });
         return value;
     }
 
