@@ -1,6 +1,8 @@
 // Helpers of the benchmarks: /proc readings of a process and the report line.
 #pragma once
 #include <dirent.h>
+#include <sys/resource.h>
+#include <time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -94,6 +96,29 @@ inline double time_command(const std::string& cmd)
     auto t0 = std::chrono::steady_clock::now();
     if (system(cmd.c_str()) != 0) fprintf(stderr, "failed: %s\n", cmd.c_str());
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// CPU time (user + system) in seconds: of the calling thread, and of a shell
+// command run to its end. On a shared machine these leave out the time other
+// processes hold the cores.
+inline double thread_cpu()
+{
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+inline double cpu_of_command(const std::string& cmd)
+{
+    auto children = [] {
+        rusage u;
+        getrusage(RUSAGE_CHILDREN, &u);
+        auto sec = [](timeval t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+        return sec(u.ru_utime) + sec(u.ru_stime);
+    };
+    double before = children();
+    if (system(cmd.c_str()) != 0) fprintf(stderr, "failed: %s\n", cmd.c_str());
+    return children() - before;
 }
 
 }  // namespace bench

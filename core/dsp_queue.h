@@ -12,7 +12,8 @@ inline constexpr const char* DSP_QUEUE_PATH = "/tmp";
 
 struct dsp_message {
     long type;
-    char text[DSP_TEXT_MAX];
+    // One byte more than a message may hold, so that a longer response shows.
+    char text[DSP_TEXT_MAX + 1];
 };
 
 // Attach to the service's queue (it creates the queue). Retries every
@@ -21,10 +22,22 @@ struct dsp_message {
 // queue id, or -1.
 int dsp_queue_attach();
 
+// The service may be restarted and make its queue anew under the same key.
+// A send or receive that fails with EIDRM or EINVAL found the queue removed:
+// dsp_queue_failed then drops the link's id (-1), and dsp_queue_reattach
+// before its next exchange looks the key up once, without waiting, so that a
+// service gone for good costs one msgget per command and no delay. A reply
+// lost with the old queue is not waited for.
+void dsp_queue_failed(int& id);
+void dsp_queue_reattach(int& id);
+
 // Formats a request into msg, cut to fit with its NUL, typed as a request.
 // Returns the size to send: the text and its NUL.
 size_t dsp_format_request(dsp_message& msg, const char* fmt, va_list ap);
 
-// Ends a response of r bytes as a string: the service sends its NUL, and one
-// that comes without it is cut at the end of the buffer.
-void dsp_end_response(dsp_message& msg, ssize_t r);
+// One blocking receive of a response into msg, ended as a string: the
+// service sends its NUL, and one that comes without it is cut at the end of
+// the text. A response longer than DSP_TEXT_MAX does not fit and fails with
+// E2BIG, but is taken off the queue: left first there it would fail every
+// later exchange. Returns the size, or -1 with errno.
+ssize_t dsp_receive(int id, dsp_message& msg);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/file.h>
 #include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
@@ -142,12 +143,23 @@ int main(int argc, char** argv)
         puts("Not supported baud rate");
         return -22;
     }
+    // Close-on-exec: a program run through system() must not keep the port,
+    // nor its lock, after the daemon has gone.
     serial_fd = open(options.port, O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (serial_fd < 0) {
         perror("Error opening serial port");
         free(options.port);
         exit(1);
     }
+    // One daemon per port: a second one would change the live port's
+    // settings and split its input. flock binds root too, TIOCEXCL does not.
+    if (flock(serial_fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        printf("%s is in use by another process\n", options.port);
+        close(serial_fd);
+        free(options.port);
+        exit(1);
+    }
+    serial_name = options.port;
     configure_port(speed_bits);
 
     if (protocol_register_all() != 0) {

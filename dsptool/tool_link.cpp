@@ -62,9 +62,9 @@ constexpr std::array<tool_frame_handler, 4> tool_frame_handlers{
 bool tool_fill(pack_buf* b, size_t n)
 {
     while (pack_buf_len(b) < n) {
-        ssize_t r = serial_read(b->tail, pack_buf_room(b));
-        // A read of 0 only comes from a port whose peer is gone; waiting on
-        // would spin, so it ends the frame like an error.
+        ssize_t r = serial_read_live(b->tail, pack_buf_room(b));
+        // A hung-up port never comes back from serial_read_live; an error
+        // ends the frame.
         if (r <= 0) {
             puts("[DSPTOOL] read error!");
             return false;
@@ -83,7 +83,7 @@ int tool_drop_long_frame(pack_buf* b, size_t total, uint8_t command)
     while (seen < total) {
         pack_buf_reset(b);
         size_t want = total - seen < TOOL_BUF_SIZE ? total - seen : TOOL_BUF_SIZE;
-        ssize_t r = serial_read(b->data, want);
+        ssize_t r = serial_read_live(b->data, want);
         if (r <= 0) {
             puts("[DSPTOOL] read error!");
             return -1;
@@ -162,7 +162,7 @@ int tool_exit()
 pack_buf* tool_recv()
 {
     pack_buf_reset(tool_buf);
-    ssize_t r = serial_read(tool_buf->data, TOOL_BUF_SIZE);
+    ssize_t r = serial_read_live(tool_buf->data, TOOL_BUF_SIZE);
     if (r < 0) {
         puts("[DSPTOOL] read error!");
         return nullptr;
@@ -239,16 +239,17 @@ int tool_dsp_cmd(tool_reply_fn cb, const char* fmt, ...)
     va_start(ap, fmt);
     size_t size = dsp_format_request(tool_msg, fmt, ap);
     va_end(ap);
+    dsp_queue_reattach(tool_msqid);
     if (msgsnd(tool_msqid, &tool_msg, size, 0) < 0) {
+        dsp_queue_failed(tool_msqid);
         puts("[DSPTOOL] send dsp command failed");
         return -1;
     }
-    ssize_t r = msgrcv(tool_msqid, &tool_msg, sizeof tool_msg.text, DSP_RESPONSE_TYPE, 0);
-    if (r < 0) {
+    if (dsp_receive(tool_msqid, tool_msg) < 0) {
+        dsp_queue_failed(tool_msqid);
         puts("[DSPTOOL] receive dsp command response failed");
         return -1;
     }
-    dsp_end_response(tool_msg, r);
     return cb(tool_msg.text, strlen(tool_msg.text));
 }
 

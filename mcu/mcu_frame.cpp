@@ -48,13 +48,13 @@ pack_buf* mcu_recv()
     uint8_t byte = 0;
     // Hunt for the lead byte; anything else is dropped silently.
     for (;;) {
-        ssize_t r = serial_read(&byte, 1);
+        ssize_t r = serial_read_live(&byte, 1);
         if (r < 0) return recv_failed(nullptr);
         if (r == 1 && byte == MCU_LEAD) break;
     }
     uint8_t len = 0;
-    // The port does not return 0 bytes while open; a 0 here is a hang-up.
-    if (serial_read(&len, 1) != 1 || len == 0) return recv_failed(nullptr);
+    // A hung-up port never comes back from serial_read_live.
+    if (serial_read_live(&len, 1) != 1 || len == 0) return recv_failed(nullptr);
 
     pack_buf* b = pack_buf_alloc(MCU_BUF_SIZE);
     if (!b) {
@@ -67,7 +67,7 @@ pack_buf* mcu_recv()
     p[0] = MCU_LEAD;
     p[1] = len;
     uint8_t* rest = pack_buf_put(b, len - 1u);
-    if (serial_read(rest, len - 1u) < 0) return recv_failed(b);
+    if (serial_read_live(rest, len - 1u) < 0) return recv_failed(b);
     return b;
 }
 

@@ -42,18 +42,16 @@ int dsp_cmd(dsp_reply_fn cb, const char* fmt, ...)
     va_start(ap, fmt);
     size_t size = dsp_format_request(msg, fmt, ap);
     va_end(ap);
+    dsp_queue_reattach(mcu_state.dsp_queue_id);
     while (msgsnd(mcu_state.dsp_queue_id, &msg, size, 0) < 0) {
         if (errno == EINTR) continue;
+        dsp_queue_failed(mcu_state.dsp_queue_id);
         puts("[MCU IF] send dsp command failed");
         return -1;
     }
-    for (;;) {
-        ssize_t r = msgrcv(mcu_state.dsp_queue_id, &msg, sizeof msg.text, DSP_RESPONSE_TYPE, 0);
-        if (r >= 0) {
-            dsp_end_response(msg, r);
-            break;
-        }
+    while (dsp_receive(mcu_state.dsp_queue_id, msg) < 0) {
         if (errno == EINTR) continue;
+        dsp_queue_failed(mcu_state.dsp_queue_id);
         puts("[MCU IF] receive dsp command response failed");
         return -1;
     }

@@ -1,9 +1,14 @@
-// The escapes of dsp_sim's rules file, shared by dsp_sim and whoever writes
-// rules for it: \n \r \t \\ \0 and \xHH for any other control or non-ASCII byte.
+// dsp_sim's rules file, shared by dsp_sim and whoever writes rules for it:
+// the escapes (\n \r \t \\ \0 and \xHH for any other control or non-ASCII
+// byte) and the check of a line.
 #pragma once
+#include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdio>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace dsp_rules {
 
@@ -57,6 +62,51 @@ inline std::string unescape(const std::string& s)
         }
     }
     return out;
+}
+
+// The values of dsp_sim's model that "set" takes.
+inline constexpr std::array<std::string_view, 7> model_keys = {
+    "Dolby_Atmos_Bit", "Dolby_Surround_Bit", "Audio_Format", "FS", "DTS_DIALOG_BIT", "tone_ms", "music_ms"};
+
+inline std::vector<std::string> split_tabs(const std::string& line)
+{
+    std::vector<std::string> fields;
+    for (size_t start = 0;;) {
+        size_t tab = line.find('\t', start);
+        fields.push_back(line.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
+        if (tab == std::string::npos) return fields;
+        start = tab + 1;
+    }
+}
+
+// A decimal number of at most 9 digits, optionally negative.
+inline bool decimal(const std::string& s)
+{
+    size_t i = !s.empty() && s[0] == '-';
+    return i < s.size() && s.size() - i <= 9 && s.find_first_not_of("0123456789", i) == std::string::npos;
+}
+
+// Why a rules line is wrong, or nothing when it is right.
+inline std::string problem(const std::string& line)
+{
+    std::vector<std::string> f = split_tabs(line);
+    const std::string& kind = f[0];
+    std::string blanks = line.find(' ') != std::string::npos ? " (fields are separated by TABs, not blanks)" : "";
+    if (f.size() == 1 && !blanks.empty()) return "no TAB in the line: fields are separated by TABs, not blanks";
+    if (kind == "reply") return f.size() >= 3 ? "" : "reply takes PREFIX and at least one TEXT" + blanks;
+    if (kind == "silent") return f.size() == 2 ? "" : "silent takes PREFIX alone" + blanks;
+    if (kind == "delay") {
+        if (f.size() != 3) return "delay takes PREFIX and MS" + blanks;
+        return decimal(f[2]) && f[2][0] != '-' ? "" : "delay MS is not a number of milliseconds: " + f[2];
+    }
+    if (kind == "set") {
+        if (f.size() != 3) return "set takes KEY and VALUE" + blanks;
+        if (std::find(model_keys.begin(), model_keys.end(), f[1]) == model_keys.end())
+            return "set: no model value " + f[1] + " (Dolby_Atmos_Bit, Dolby_Surround_Bit, Audio_Format, FS, "
+                   "DTS_DIALOG_BIT, tone_ms, music_ms)";
+        return decimal(f[2]) ? "" : "set " + f[1] + ": not a decimal number: " + f[2];
+    }
+    return "unknown kind \"" + kind.substr(0, kind.find(' ')) + "\" (reply, silent, delay or set)" + blanks;
 }
 
 }  // namespace dsp_rules

@@ -1,53 +1,5 @@
 // dsp_sim: a stand-in for the DSP service on its SysV message queue.
-//
-// It creates the queue (key ftok("/tmp", 0x111)), takes each type-2 request
-// and answers it with a type-1 reply whose text carries its terminating NUL.
-//
-//   dsp_sim [--rules FILE] [--log FILE] [--ready FILE] [--create-delay-ms N]
-//           [--model] [--remove-on-exit] [--verbose]
-//
-// Without --model every command gets "[ok]" unless a rule says otherwise.
-// With --model a small state model answers the queries with plausible values:
-//   "dsp vmb_Get_AudioInfo"  {Dolby_Atmos_Bit:..,Dolby_Surround_Bit:..,
-//                            Audio_Format:..,FS:..,DTS_DIALOG_BIT:..}
-//   "dsp s4_ch_eng"          {ENG_L:..,...,ENG_RTR:..}: a level per channel that
-//                            follows the volumes set by "dsp vol ID DB"
-//                            (0 for a channel at the floor or below -90 dB)
-//   "dsp rec state"          rec state:N  0 idle, 1 after "dsp rec mode 1 PATH",
-//                            3 after "dsp rec mode 0"
-//   "dsp rec musicState"     rec musicState:N  1 while music started by
-//                            "dsp rec music 1 PATH" plays (music_ms), then 2;
-//                            0 after "dsp rec music 0"
-//   "dsp alter state"        alter state:N  1 while a tone started by
-//                            "dsp alter PATH mode=1 ..." plays (tone_ms), else 0
-//   "dsp s4_...", "dsp s2_..."  a read-back text
-// Values of the model are set in the rules file (see "set" below).
-//
-// Rules file: read again whenever it changed (new inode, size or mtime), so a
-// test may rewrite it at any time (write a new file and rename it over).
-// One rule per line, fields separated by a TAB; blank lines and lines starting
-// with '#' are ignored:
-//
-//   reply  PREFIX  TEXT [TEXT ...]   answer TEXT; several texts are used in
-//                                    turn, the last one then repeats
-//   silent PREFIX                    never answer
-//   delay  PREFIX  MS                wait MS milliseconds before answering
-//   set    KEY     VALUE             a value of the model: Dolby_Atmos_Bit,
-//                                    Dolby_Surround_Bit, Audio_Format, FS,
-//                                    DTS_DIALOG_BIT, tone_ms, music_ms
-//
-// PREFIX is matched against the start of the command text (its "\n"
-// included, so "dsp vol 1 " does not match "dsp vol 12"). The answer (reply
-// or silent) and the delay are chosen separately: for each, the rule with the
-// longest matching prefix wins, and of equal prefixes the later line. No
-// matching answer rule: the model's answer, else "[ok]". An empty prefix matches
-// every command.
-// PREFIX and TEXT take the escapes \n \r \t \\ \0 and \xHH.
-//
-// Log file: every request in arrival order, exactly as received (all bytes
-// msgrcv gave, the NUL included), each written as a netstring
-// "<decimal length>:<bytes>," and flushed at once, so that embedded newlines
-// and NULs survive.
+// `dsp_sim --help` tells the options, the rules file and the log.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -69,7 +21,74 @@
 
 #include "tools/dsp_rules.h"
 
+#ifndef TTY_HUB_VERSION
+#define TTY_HUB_VERSION "1.0"
+#endif
+
 namespace {
+
+const char* const usage_text =
+    "Usage: dsp_sim [--rules FILE] [--log FILE] [--ready FILE] [--create-delay-ms N]\n"
+    "               [--model] [--remove-on-exit] [--verbose] [--help] [--version]\n"
+    "A stand-in for the DSP service on its SysV message queue.\n\n"
+    "It creates the queue (key ftok(\"/tmp\", 0x111)), takes each type-2 request\n"
+    "and answers it with a type-1 reply whose text carries its terminating NUL.\n"
+    "\n"
+    "  --rules FILE   answers by rule (below); checked at start: a missing file\n"
+    "                 or a bad line ends dsp_sim with status 2\n"
+    "  --log FILE     every request, one line each (below)\n"
+    "  --ready FILE   made once the queue exists\n"
+    "  --create-delay-ms N   make the queue N ms late\n"
+    "  --remove-on-exit      remove the queue on SIGTERM or SIGINT\n"
+    "  --verbose      print each request and its answer\n"
+    "\n"
+    "Without --model every command gets \"[ok]\" unless a rule says otherwise.\n"
+    "With --model a small state model answers the queries with plausible values:\n"
+    "  \"dsp vmb_Get_AudioInfo\"  {Dolby_Atmos_Bit:..,Dolby_Surround_Bit:..,\n"
+    "                           Audio_Format:..,FS:..,DTS_DIALOG_BIT:..}\n"
+    "  \"dsp s4_ch_eng\"          {ENG_L:..,...,ENG_RTR:..}: a level per channel that\n"
+    "                           follows the volumes set by \"dsp vol ID DB\"\n"
+    "                           (0 for a channel at the floor or below -90 dB)\n"
+    "  \"dsp rec state\"          rec state:N  0 idle, 1 after \"dsp rec mode 1 PATH\",\n"
+    "                           3 after \"dsp rec mode 0\"\n"
+    "  \"dsp rec musicState\"     rec musicState:N  1 while music started by\n"
+    "                           \"dsp rec music 1 PATH\" plays (music_ms), then 2;\n"
+    "                           0 after \"dsp rec music 0\"\n"
+    "  \"dsp alter state\"        alter state:N  1 while a tone started by\n"
+    "                           \"dsp alter PATH mode=1 ...\" plays (tone_ms), else 0\n"
+    "  \"dsp s4_...\", \"dsp s2_...\"  a read-back text\n"
+    "Values of the model are set in the rules file (see \"set\" below).\n"
+    "\n"
+    "Rules file: read again whenever it changed (new inode, size or mtime), so a\n"
+    "test may rewrite it at any time (write a new file and rename it over).\n"
+    "One rule per line, fields separated by a TAB; blank lines and lines starting\n"
+    "with '#' are ignored:\n"
+    "\n"
+    "  reply  PREFIX  TEXT [TEXT ...]   answer TEXT; several texts are used in\n"
+    "                                   turn, the last one then repeats\n"
+    "  silent PREFIX                    never answer\n"
+    "  delay  PREFIX  MS                wait MS milliseconds before answering\n"
+    "  set    KEY     VALUE             a value of the model: Dolby_Atmos_Bit,\n"
+    "                                   Dolby_Surround_Bit, Audio_Format, FS,\n"
+    "                                   DTS_DIALOG_BIT, tone_ms, music_ms\n"
+    "\n"
+    "PREFIX is matched against the start of the command text (its \"\\n\"\n"
+    "included, so \"dsp vol 1 \" does not match \"dsp vol 12\"). The answer (reply\n"
+    "or silent) and the delay are chosen separately: for each, the rule with the\n"
+    "longest matching prefix wins, and of equal prefixes the later line. No\n"
+    "matching answer rule: the model's answer, else \"[ok]\". An empty prefix matches\n"
+    "every command.\n"
+    "PREFIX and TEXT take the escapes \\n \\r \\t \\\\ \\0 and \\xHH.\n"
+    "\n"
+    "Log file: one line per request in arrival order: its text without the one\n"
+    "terminating NUL, escaped as in the rules file (so \"dsp vol 1 -103.500000\\n\"\n"
+    "becomes dsp vol 1 -103.500000\\n); a request that does not end in exactly\n"
+    "one NUL is written as \"[raw]\" and all its bytes escaped. Each line is\n"
+    "flushed at once, so a script can wait for it.\n"
+    "\nExamples:\n"
+    "  printf 'reply\\tdsp vol 1 \\t[err]\\n' >rules; dsp_sim --rules rules --log dsp.log\n"
+    "  dsp_sim --model --verbose\n"
+    "Exit status: 2 for a bad command line or rules file at start, 1 when the queue fails.\n";
 
 constexpr long REQUEST_TYPE = 2;
 constexpr long RESPONSE_TYPE = 1;
@@ -94,39 +113,32 @@ struct rule {
     size_t line = 0;
 };
 
-std::vector<std::string> split_tabs(const std::string& line)
-{
-    std::vector<std::string> fields;
-    size_t start = 0;
-    for (;;) {
-        size_t tab = line.find('\t', start);
-        fields.push_back(line.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
-        if (tab == std::string::npos) return fields;
-        start = tab + 1;
-    }
-}
-
 class rule_book {
 public:
     explicit rule_book(std::string path) : path_(std::move(path)) {}
 
-    // Re-reads the file if it changed since the last look.
-    void refresh()
+    // Re-reads the file if it changed since the last look; bad lines are
+    // reported and left out. The number of faults, or -1 if it cannot be read.
+    int refresh()
     {
-        if (path_.empty()) return;
+        if (path_.empty()) return 0;
         struct stat st {};
         if (stat(path_.c_str(), &st) != 0) {
-            if (loaded_) {
-                rules_.clear();
-                loaded_ = false;
-            }
-            return;
+            if (loaded_ || !tried_) fprintf(stderr, "dsp_sim: cannot read the rules %s: %s\n", path_.c_str(), strerror(errno));
+            rules_.clear();
+            loaded_ = false;
+            tried_ = true;
+            return -1;
         }
         if (loaded_ && st.st_ino == ino_ && st.st_size == size_ &&
             st.st_mtim.tv_sec == mtime_.tv_sec && st.st_mtim.tv_nsec == mtime_.tv_nsec)
-            return;
+            return 0;
         FILE* f = fopen(path_.c_str(), "r");
-        if (!f) return;
+        if (!f) {
+            fprintf(stderr, "dsp_sim: cannot read the rules %s: %s\n", path_.c_str(), strerror(errno));
+            return -1;
+        }
+        int faults = 0;
         std::vector<rule> rules;
         std::map<std::string, long> settings;
         char* buf = nullptr;
@@ -138,24 +150,27 @@ public:
             std::string line(buf, static_cast<size_t>(n));
             while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
             if (line.empty() || line[0] == '#') continue;
-            auto fields = split_tabs(line);
+            std::string why = dsp_rules::problem(line);
+            if (!why.empty()) {
+                fprintf(stderr, "dsp_sim: %s line %zu: %s\n", path_.c_str(), lineno, why.c_str());
+                ++faults;
+                continue;
+            }
+            auto fields = dsp_rules::split_tabs(line);
             rule r{};
             r.line = lineno;
             r.prefix = fields.size() > 1 ? dsp_rules::unescape(fields[1]) : std::string();
-            if (fields[0] == "reply" && fields.size() >= 3) {
+            if (fields[0] == "reply") {
                 r.what = rule::kind::reply;
                 for (size_t i = 2; i < fields.size(); ++i) r.texts.push_back(dsp_rules::unescape(fields[i]));
-            } else if (fields[0] == "silent" && fields.size() >= 2) {
+            } else if (fields[0] == "silent") {
                 r.what = rule::kind::silent;
-            } else if (fields[0] == "set" && fields.size() >= 3) {
+            } else if (fields[0] == "set") {
                 settings[fields[1]] = strtol(fields[2].c_str(), nullptr, 10);
                 continue;
-            } else if (fields[0] == "delay" && fields.size() >= 3) {
+            } else {
                 r.what = rule::kind::delay;
                 r.delay_ms = strtol(fields[2].c_str(), nullptr, 10);
-            } else {
-                fprintf(stderr, "dsp_sim: %s:%zu: bad rule ignored\n", path_.c_str(), lineno);
-                continue;
             }
             rules.push_back(std::move(r));
         }
@@ -167,6 +182,7 @@ public:
         ino_ = st.st_ino;
         size_ = st.st_size;
         mtime_ = st.st_mtim;
+        return faults;
     }
 
     long setting(const std::string& key, long fallback) const
@@ -213,7 +229,7 @@ private:
     std::vector<rule> rules_;
     std::map<std::string, long> settings_;
     std::map<std::string, size_t> turns_;
-    bool loaded_ = false;
+    bool loaded_ = false, tried_ = false;
     ino_t ino_ = 0;
     off_t size_ = 0;
     timespec mtime_{};
@@ -313,13 +329,7 @@ void on_terminate(int)
     _exit(0);
 }
 
-void usage()
-{
-    fputs("Usage: dsp_sim [--rules FILE] [--log FILE] [--ready FILE] [--create-delay-ms N]\n"
-          "               [--model] [--remove-on-exit] [--verbose]\n",
-          stderr);
-}
-
+// The options; false with a message for a bad one.
 bool parse_args(int argc, char** argv, options& o)
 {
     for (int i = 1; i < argc; ++i) {
@@ -329,11 +339,25 @@ bool parse_args(int argc, char** argv, options& o)
         if (a == "--rules" && (v = value())) o.rules_path = v;
         else if (a == "--log" && (v = value())) o.log_path = v;
         else if (a == "--ready" && (v = value())) o.ready_path = v;
-        else if (a == "--create-delay-ms" && (v = value())) o.create_delay_ms = strtol(v, nullptr, 10);
-        else if (a == "--remove-on-exit") o.remove_on_exit = true;
+        else if (a == "--create-delay-ms" && (v = value())) {
+            if (!dsp_rules::decimal(v) || v[0] == '-') {
+                fprintf(stderr, "dsp_sim: --create-delay-ms takes milliseconds, not %s\n", v);
+                return false;
+            }
+            o.create_delay_ms = strtol(v, nullptr, 10);
+        } else if (a == "--remove-on-exit") o.remove_on_exit = true;
         else if (a == "--model") o.model = true;
         else if (a == "--verbose" || a == "-v") o.verbose = true;
-        else return false;
+        else if (a == "--help" || a == "-h") {
+            fputs(usage_text, stdout);
+            exit(0);
+        } else if (a == "--version") {
+            printf("dsp_sim (tty_hub) %s\n", TTY_HUB_VERSION);
+            exit(0);
+        } else {
+            fprintf(stderr, "dsp_sim: %s %s\n", v || a.starts_with("--") ? "unknown option" : "unexpected word", a.c_str());
+            return false;
+        }
     }
     return true;
 }
@@ -368,9 +392,11 @@ int main(int argc, char** argv)
 {
     options o;
     if (!parse_args(argc, argv, o)) {
-        usage();
+        fputs("See dsp_sim --help.\n", stderr);
         return 2;
     }
+    rule_book rules(o.rules_path);
+    if (rules.refresh() != 0) return 2;
     setvbuf(stdout, nullptr, _IOLBF, 0);
     remove_queue = o.remove_on_exit;
     signal(SIGTERM, on_terminate);
@@ -398,7 +424,6 @@ int main(int argc, char** argv)
     }
     if (o.verbose) printf("[dsp_sim] queue ready (key 0x%08x)\n", static_cast<unsigned>(key));
 
-    rule_book rules(o.rules_path);
     dsp_model model(rules);
     static request req;
     static response rsp;
@@ -411,9 +436,10 @@ int main(int argc, char** argv)
         }
         size_t len = static_cast<size_t>(n);
         if (log_fd >= 0) {
-            std::string rec = std::to_string(len) + ':';
-            rec.append(req.text, len);
-            rec += ',';
+            bool one_nul = len > 0 && req.text[len - 1] == '\0' && (len == 1 || req.text[len - 2] != '\0');
+            std::string rec = one_nul ? dsp_rules::escape(std::string(req.text, len - 1))
+                                      : "[raw]" + dsp_rules::escape(std::string(req.text, len));
+            rec += '\n';
             write_all(log_fd, rec.data(), rec.size());
         }
         // Rules see the text up to its first NUL, as the service would.

@@ -1,50 +1,12 @@
-// mcu_sim: plays the product's host microcontroller on the MCU serial link.
-//
-//   mcu_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...
-//
-// --port opens an existing terminal (e.g. /dev/ttyS1 of a board, or one end
-// of a pty pair); --pty makes a new pseudo-terminal, writes the path of its
-// slave side to FILE (bind or link that path as the daemon's port) and acts
-// on the master side. Commands come from the arguments, one per argument, and
-// from SCRIPT, one per line ('#' starts a comment). Every frame the daemon
-// sends is printed decoded as it arrives, with its check digit verified.
-//
-// Frames by name; fields as name=value, or plain values for the bytes in order:
-//   vol V [V...]        command 5, 12 volume bytes (one value: all twelve)
-//   delay V [V...]      command 4, 12 delay bytes
-//   bm V [V...]         command 8, 16 bass management bytes
-//   mix source= mode= dec= upmix= i2s=           command 2
-//   system hbr= silence= line43= line42= module= value= volume= mute=   command 3
-//   atmos B0..B10       command 6;  dtsx B0 B1 B2   command 11
-//   music play= tone= index= mask= gain=          command 9 (mask given: bit 5 set)
-//   record start|stop|export|import|report        command 10
-//   ota start|exit|s8137|mcu                      command 14
-//   udisk base=N name=FILE                        command 15, sub-command 0x11
-//   frame CMD [BYTE...] any frame;  raw BYTE...   bytes as they are, no framing
-// Flow:
-//   wait ID|any [MS]    wait for a frame of that id (default 3000 ms); fails on time-out
-//   listen MS           print what comes in for MS milliseconds
-//   sleep MS
-//   notify FILE         write one byte to FILE, e.g. the daemon's "/tmp/mcu_if_pipe"
-//                       (not the MCU's doing, but handy to ask for a report)
-//   upload PACKAGE [BLOCK] [OUT]
-//                       the firmware upload as the MCU drives it: waits for
-//                       "UART_UPDATA!", reads the header (offset 0xFFFFFFFF),
-//                       then the MCU section block by block (default 1024),
-//                       checks every sum and byte against PACKAGE, optionally
-//                       writes the firmware to OUT, and ends with "UPDATA_SUCC!"
-// Numbers may be decimal or 0x hex. Exit status: 0, or 1 at the first failed
-// command.
-#include <map>
-#include <optional>
-#include <sstream>
-
-#include "tools/sim_port.h"
+// mcu_sim: plays the product's host microcontroller on the MCU serial link,
+// runs test scenarios against the daemon, and decodes captured MCU traffic.
+// `mcu_sim --help` lists the steps, fields, options and examples.
+#include "tools/sim_decode.h"
+#include "tools/sim_script.h"
 
 namespace {
 
 using namespace sim;
-bool quiet = false;
 
 uint8_t check_digit(const uint8_t* p, size_t n)
 {
@@ -53,157 +15,284 @@ uint8_t check_digit(const uint8_t* p, size_t n)
     return static_cast<uint8_t>(((s + (s >> 4)) & 15) + 0x30);
 }
 
-bytes make_frame(uint8_t cmd, const bytes& payload)
+bytes make_frame(uint8_t cmd, const bytes& payload, bool bad_digit = false)
 {
-    bytes f;
-    f.push_back(0xFF);
-    f.push_back(static_cast<uint8_t>(payload.size() + 3));
-    f.push_back(cmd);
+    bytes f = {0xFF, static_cast<uint8_t>(payload.size() + 3), cmd};
     f.insert(f.end(), payload.begin(), payload.end());
-    f.push_back(check_digit(f.data() + 1, f.size() - 1));
+    uint8_t d = check_digit(f.data() + 1, f.size() - 1);
+    f.push_back(bad_digit ? static_cast<uint8_t>(((d - 0x30 + 1) & 15) + 0x30) : d);
     return f;
 }
 
-// ---- decoding of the daemon's frames
+// ---- frames by name
+
+struct field {
+    const char* name;
+    int byte, shift, width;  // width in bits; 16: two bytes, low byte first
+};
+
+struct frame_kind {
+    const char* name;
+    uint8_t cmd;
+    size_t size;
+    std::vector<field> fields;  // none: one byte per position
+};
+
+const std::vector<frame_kind> kinds = {
+    {"mix", 2, 4, {{"source", 0, 0, 4}, {"mode", 0, 4, 4}, {"dec", 1, 0, 8}, {"upmix", 2, 0, 8}, {"i2s", 3, 0, 8}}},
+    {"system", 3, 4,
+     {{"hbr", 0, 5, 3}, {"silence", 1, 6, 1}, {"line43", 1, 3, 1}, {"line42", 1, 2, 1}, {"module", 2, 4, 4},
+      {"value", 2, 0, 4}, {"volume", 3, 1, 6}, {"mute", 3, 0, 1}}},
+    {"delay", 4, 12, {}},
+    {"vol", 5, 12, {}},
+    {"atmos", 6, 11, {}},
+    {"bm", 8, 16, {}},
+    {"music", 9, 5, {{"play", 0, 6, 1}, {"tone", 0, 4, 1}, {"index", 1, 0, 8}, {"mask", 2, 0, 16}, {"gain", 4, 0, 8}}},
+    {"dtsx", 11, 3, {}},
+};
+
+struct named_value {
+    const char* name;
+    uint8_t value;
+};
+const std::vector<named_value> record_words = {{"start", 1}, {"stop", 2}, {"export", 3}, {"import", 4}, {"report", 32}};
+const std::vector<named_value> ota_words = {{"start", 1}, {"exit", 3}, {"s8137", 5}, {"mcu", 6}};
+
+bytes build(const frame_kind& k, const args& a)
+{
+    bytes p(k.size, 0);
+    std::vector<uint8_t> plain;
+    for (const auto& w : a.w) {
+        auto eq = w.find('=');
+        if (eq == std::string::npos) {
+            plain.push_back(static_cast<uint8_t>(number(w, 0, 255, std::string(k.name) + " byte")));
+            continue;
+        }
+        std::string name = w.substr(0, eq);
+        auto f = std::find_if(k.fields.begin(), k.fields.end(), [&](const field& x) { return name == x.name; });
+        if (f == k.fields.end()) throw usage_error(std::string("no field ") + name + " in " + k.name);
+        long v = number(w.substr(eq + 1), 0, (1L << f->width) - 1, name);
+        auto at = static_cast<size_t>(f->byte);
+        if (f->width == 16) {
+            p[at] = static_cast<uint8_t>(v);
+            p[at + 1] = static_cast<uint8_t>(v >> 8);
+            if (k.cmd == 9) p[0] |= 0x20;  // the mask is given
+        } else {
+            auto mask = static_cast<uint8_t>(((1u << f->width) - 1) << f->shift);
+            p[at] = static_cast<uint8_t>((p[at] & ~mask) | ((v << f->shift) & mask));
+        }
+    }
+    if (!plain.empty() && !k.fields.empty() && plain.size() > k.size)
+        throw usage_error(std::string("too many bytes for ") + k.name);
+    if (plain.size() > k.size) throw usage_error(std::string(k.name) + " takes at most " + std::to_string(k.size) + " bytes");
+    // One plain value fills a frame of one byte per position.
+    if (plain.size() == 1 && k.fields.empty()) std::fill(p.begin(), p.end(), plain[0]);
+    else std::copy(plain.begin(), plain.end(), p.begin());
+    return p;
+}
+
+uint8_t word_or_number(const std::vector<named_value>& words, const std::string& w, const char* what)
+{
+    for (const auto& n : words)
+        if (w == n.name) return n.value;
+    if (w.empty() || !isdigit(static_cast<unsigned char>(w[0]))) {
+        std::string all;
+        for (const auto& n : words) all += std::string(" ") + n.name;
+        throw usage_error(std::string(what) + " takes one of" + all + " or a number, not " + w);
+    }
+    return static_cast<uint8_t>(number(w, 0, 255, what));
+}
+
+// ---- the daemon's frames, decoded
 
 const char* const rate_names[] = {"8000", "11025", "12000", "16000", "22050", "24000", "32000", "44100",
                                   "48000", "64000", "88200", "96000", "128000", "176400", "192000", "?"};
 
 std::string decode_audio(const bytes& p)
 {
-    std::ostringstream o;
-    o << "audio status: format " << (p[0] & 0x3F) << ((p[0] & 0x80) ? " Atmos" : "")
-      << ((p[0] & 0x40) ? " Surround" : "") << ", fs " << rate_names[p[1] & 15] << " Hz, applied";
+    std::string o = "audio status: format " + std::to_string(p[0] & 0x3F) + ((p[0] & 0x80) ? " Atmos" : "") +
+                    ((p[0] & 0x40) ? " Surround" : "") + ", fs " + rate_names[p[1] & 15] + " Hz, applied";
     static const char* const applied[] = {"bm", "atmos", "vol", "delay", "system", "mix"};
-    bool any = false;
     for (int i = 0; i < 6; ++i)
-        if (p[2] & (1 << i)) {
-            o << " " << applied[i];
-            any = true;
-        }
-    if (!any) o << " none";
-    if (p[2] & 0x40) o << ", music playing";
+        if (p[2] & (1 << i)) o += std::string(" ") + applied[i];
+    if (!(p[2] & 0x3F)) o += " none";
+    if (p[2] & 0x40) o += ", music playing";
     static const char* const ch[] = {"L", "R", "C", "SUB", "LS", "RS", "LRS", "RRS", "LTF", "RTF", "LTR", "RTR"};
-    o << ", energy";
-    for (int i = 0; i < 12; ++i) o << " " << ch[i] << "=" << ((i % 2 == 0) ? (p[4 + i / 2] >> 4) : (p[4 + i / 2] & 15));
-    if (p[10] || p[11]) {
-        char buf[40];
-        snprintf(buf, sizeof buf, ", atmos failures %02X %02X", p[10], p[11]);
-        o << buf;
-    }
-    return o.str();
+    o += ", energy";
+    for (int i = 0; i < 12; ++i)
+        o += std::string(" ") + ch[i] + "=" + std::to_string(i % 2 == 0 ? p[4 + i / 2] >> 4 : p[4 + i / 2] & 15);
+    if (p[10] || p[11]) o += ", atmos failures " + hex(p.data() + 10, 2);
+    return o;
 }
 
 std::string decode_record(const bytes& p)
 {
-    std::ostringstream o;
-    o << "record state: ";
-    if (p[4] == 0xF2) o << "state 2";
-    else if (p[4]) o << "recording " << static_cast<int>(p[4]) << " s";
-    else o << "idle";
+    std::string o = "record state: ";
+    o += p[4] == 0xF2 ? "state 2" : p[4] ? "recording " + std::to_string(p[4]) + " s" : "idle";
     static const char* const bits[] = {"importing", "import failed", "exporting", "export failed"};
     for (int i = 0; i < 4; ++i)
-        if (p[5] & (1 << i)) o << ", " << bits[i];
-    if (p[11] & 0x40) o << ", dialog";
+        if (p[5] & (1 << i)) o += std::string(", ") + bits[i];
+    if (p[11] & 0x40) o += ", dialog";
     if (p[0] != 0x01 || p[1] != 0x49 || p[2] != 0x05 || p[6] != 0x01 || p[7] != 0x0D || p[8] != 0x01)
-        o << " (unexpected constant bytes)";
-    return o.str();
+        o += " (unexpected constant bytes)";
+    return o;
 }
 
 std::string decode_ota(const bytes& p)
 {
-    std::ostringstream o;
-    o << "OTA state " << static_cast<int>(p[0]) << ": ";
+    std::string o = "OTA state " + std::to_string(p[0]) + ": ";
     switch (p[0]) {
-    case 3: o << "package received, MCU digest " << hex(p.data() + 1, 8); break;
-    case 4: o << "OTA exit"; break;
-    case 5: o << "S8137 upgrade starting"; break;
-    default: o << "reception failed \"" << std::string(p.begin() + 1, p.begin() + 9) << "\""; break;
+    case 3: return o + "package received, MCU digest " + hex(p.data() + 1, 8);
+    case 4: return o + "OTA exit";
+    case 5: return o + "S8137 upgrade starting";
+    default: return o + "reception failed " + quote(std::string(p.begin() + 1, p.begin() + 9));
     }
-    return o.str();
 }
 
 std::string decode_udisk(const bytes& p)
 {
-    std::ostringstream o;
-    o << "USB upgrade: ";
+    std::string pct = std::to_string(p[1]) + "%";
     switch (p[0]) {
-    case 1: o << "in progress " << static_cast<int>(p[1]) << "%"; break;
-    case 3: o << "done " << static_cast<int>(p[1]) << "%"; break;
-    case 16: o << "failed before any image"; break;
-    case 19: o << "failed on an image at " << static_cast<int>(p[1]) << "%"; break;
-    default: o << "status " << static_cast<int>(p[0]) << " " << static_cast<int>(p[1]) << "%"; break;
+    case 1: return "USB upgrade: in progress " + pct;
+    case 3: return "USB upgrade: done " + pct;
+    case 16: return "USB upgrade: failed before any image";
+    case 19: return "USB upgrade: failed on an image at " + pct;
+    default: return "USB upgrade: status " + std::to_string(p[0]) + " " + pct;
     }
-    return o.str();
 }
 
-std::string decode(const bytes& f)
+// A command of the MCU, as its step would be written.
+std::string decode_command(uint8_t cmd, const bytes& p)
 {
-    uint8_t cmd = f[2];
-    bytes p(f.begin() + 3, f.end() - 1);
+    for (const auto& k : kinds) {
+        if (k.cmd != cmd) continue;
+        if (p.size() != k.size) break;
+        std::string o = k.name;
+        if (k.fields.empty())
+            for (uint8_t b : p) o += " " + std::to_string(b);
+        for (const auto& f : k.fields) {
+            auto at = static_cast<size_t>(f.byte);
+            long v = f.width == 16 ? p[at] | p[at + 1] << 8 : (p[at] >> f.shift) & ((1 << f.width) - 1);
+            o += std::string(" ") + f.name + "=" + std::to_string(v);
+        }
+        return o;
+    }
+    if ((cmd == 10 || cmd == 14) && p.size() == 1) {
+        for (const auto& n : cmd == 10 ? record_words : ota_words)
+            if (n.value == p[0]) return std::string(cmd == 10 ? "record " : "ota ") + n.name;
+    }
+    if (cmd == 15 && p.size() == 16 && p[0] == 0x11) {
+        uint32_t base = p[1] | p[2] << 8 | p[3] << 16 | static_cast<uint32_t>(p[4]) << 24;
+        std::string name(p.begin() + 5, std::find(p.begin() + 5, p.end(), 0));
+        return "udisk base=" + std::to_string(base) + " name=" + quote(name);
+    }
+    return "frame " + std::to_string(cmd) + (p.empty() ? "" : " " + hex(p));
+}
+
+// One frame in words: a report of the daemon, or a command of the MCU.
+std::string describe(const bytes& f, bool from_daemon)
+{
     std::string text;
-    size_t want = cmd == 0x24 ? 4 : 12;
-    if ((cmd == 0x20 || cmd == 0x21 || cmd == 0x23 || cmd == 0x24) && p.size() != want)
-        text = "report with " + std::to_string(p.size()) + " payload bytes";
-    else if (cmd == 0x20) text = decode_record(p);
-    else if (cmd == 0x21) text = decode_audio(p);
-    else if (cmd == 0x23) text = decode_ota(p);
-    else if (cmd == 0x24) text = decode_udisk(p);
-    else text = "frame " + std::to_string(cmd);
+    if (f.size() < 4) {
+        text = "frame without a command";
+    } else {
+        uint8_t cmd = f[2];
+        bytes p(f.begin() + 3, f.end() - 1);
+        bool report = cmd == 0x20 || cmd == 0x21 || cmd == 0x23 || cmd == 0x24;
+        if (!from_daemon) text = decode_command(cmd, p);
+        else if (report && p.size() != (cmd == 0x24 ? 4u : 12u))
+            text = "report with " + std::to_string(p.size()) + " payload bytes";
+        else if (cmd == 0x20) text = decode_record(p);
+        else if (cmd == 0x21) text = decode_audio(p);
+        else if (cmd == 0x23) text = decode_ota(p);
+        else if (cmd == 0x24) text = decode_udisk(p);
+        else text = "frame " + std::to_string(cmd);
+    }
     if (check_digit(f.data() + 1, f.size() - 2) != f.back()) text += "  [BAD CHECK DIGIT]";
     return text;
 }
 
-// Takes whole frames out of the inbox and prints them; the last id seen.
-std::optional<uint8_t> take_frames(std::optional<int> want, bool* matched)
+// The first piece of a byte stream as the daemon's reader takes it apart:
+// noise up to a lead byte, or a frame of length byte + 1 bytes.
+piece first_frame(const uint8_t* b, size_t n, bool at_end, bool)
 {
-    std::optional<uint8_t> last;
-    for (;;) {
-        size_t lead = 0;
-        while (lead < inbox.size() && inbox[lead] != 0xFF) ++lead;
-        if (lead) {
-            if (!quiet) printf("[mcu] <- %zu stray bytes: %s\n", lead, hex(inbox.data(), lead).c_str());
-            inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(lead));
-        }
-        if (inbox.size() < 2) return last;
-        size_t len = static_cast<size_t>(inbox[1]) + 1;
-        if (inbox[1] < 3) len = 2;
-        if (inbox.size() < len) return last;
-        bytes f(inbox.begin(), inbox.begin() + static_cast<long>(len));
-        inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(len));
-        if (f.size() < 4) {
-            printf("[mcu] <- short frame %s\n", hex(f).c_str());
-            continue;
-        }
-        printf("[mcu] <- 0x%02X %s\n", f[2], decode(f).c_str());
-        if (!quiet) printf("[mcu]         %s\n", hex(f).c_str());
-        last = f[2];
-        if (want && (*want < 0 || *want == f[2])) *matched = true;
+    if (n == 0) return {0, piece::more};
+    if (b[0] != 0xFF) return {static_cast<size_t>(std::find(b, b + n, 0xFF) - b), piece::noise};
+    if (n < 2) return at_end ? piece{1, piece::cut} : piece{0, piece::more};
+    if (b[1] == 0) return {2, piece::noise};
+    size_t len = static_cast<size_t>(b[1]) + 1;
+    if (n < len) return at_end ? piece{n, piece::cut} : piece{0, piece::more};
+    return {len, piece::whole};
+}
+
+std::string frame_text(const uint8_t* b, size_t n, bool from_daemon)
+{
+    char id[8];
+    snprintf(id, sizeof id, "0x%02X ", n > 2 ? b[2] : 0);
+    return (n > 2 ? id : "") + describe(bytes(b, b + n), from_daemon);
+}
+
+// ---- frames from the daemon
+
+// The next piece of the inbox, printed; nullopt while incomplete.
+std::optional<bytes> next_piece(bool& is_frame)
+{
+    piece pc = first_frame(inbox.data(), inbox.size(), false, true);
+    if (pc.kind == piece::more) return std::nullopt;
+    bytes b(inbox.begin(), inbox.begin() + static_cast<long>(pc.len));
+    inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(pc.len));
+    is_frame = pc.kind == piece::whole;
+    if (is_frame) printf("[mcu] <- %s\n", frame_text(b.data(), b.size(), true).c_str());
+    if (!is_frame || !quiet) printf(is_frame ? "[mcu]        %s\n" : "[mcu] <- noise: %s\n", hex(b).c_str());
+    return b;
+}
+
+void show()
+{
+    bool is_frame = false;
+    while (next_piece(is_frame)) {
     }
 }
 
-bool wait_frame(int id, int ms)
+std::string pattern_text(int id, const std::vector<int>& pattern)
 {
-    auto deadline = steady::now() + std::chrono::milliseconds(ms);
-    bool matched = false;
-    take_frames(id, &matched);
-    while (!matched) {
-        int left = ms_left(deadline);
-        if (left == 0) return false;
-        fill(left);
-        take_frames(id, &matched);
+    char buf[8];
+    snprintf(buf, sizeof buf, "0x%02X", id);
+    std::string o = std::string("frame ") + buf;
+    for (int b : pattern) {
+        snprintf(buf, sizeof buf, b < 0 ? " .." : " %02X", b);
+        o += buf;
     }
-    return true;
+    return o;
 }
 
-void listen(int ms)
+bool expect_frame(int id, const std::vector<int>& pattern)
 {
-    auto deadline = steady::now() + std::chrono::milliseconds(ms);
-    bool unused = false;
-    while (int left = ms_left(deadline)) {
-        fill(left);
-        take_frames(std::nullopt, &unused);
-    }
+    auto fits = [&](const bytes& f) {
+        if (f.size() < 4 || f[2] != id) return false;
+        if (pattern.empty()) return true;
+        if (f.size() - 4 != pattern.size()) return false;
+        for (size_t i = 0; i < pattern.size(); ++i)
+            if (pattern[i] >= 0 && f[3 + i] != pattern[i]) return false;
+        return true;
+    };
+    std::optional<bytes> wrong;
+    bool found = false;
+    wait_for([&] {
+        bool is_frame = false;
+        while (auto b = next_piece(is_frame)) {
+            if (is_frame && fits(*b)) return found = true;
+            if (is_frame && b->size() > 3 &&
+                std::find(ignored_frames.begin(), ignored_frames.end(), (*b)[2]) != ignored_frames.end())
+                continue;
+            wrong = b;
+            return true;
+        }
+        return false;
+    });
+    if (found) return true;
+    if (wrong) return miss("expected " + pattern_text(id, pattern) + ", got " + hex(*wrong));
+    return miss("expected " + pattern_text(id, pattern) + ", nothing within " + std::to_string(bound_ms) + " ms");
 }
 
 // ---- firmware upload, the MCU's side
@@ -220,59 +309,61 @@ bytes read_request(uint32_t offset, uint32_t length)
 bool fetch(const bytes& package, uint32_t offset, uint32_t length, bytes& got)
 {
     size_t pos = offset == 0xFFFFFFFFu ? 0 : static_cast<size_t>(offset) + 2048;
-    size_t n = pos >= package.size() ? 0 : std::min<size_t>(length, package.size() - pos);
+    // The daemon serves at most one block of 4096 bytes.
+    size_t n = pos >= package.size() ? 0 : std::min<size_t>(std::min<uint32_t>(length, 4096), package.size() - pos);
+    size_t size = (n + 7) & ~size_t{3};
     write_all(read_request(offset, length));
-    bytes reply = take((n + 7) & ~size_t{3}, 5000);
-    if (reply.size() != ((n + 7) & ~size_t{3})) {
-        printf("[mcu] READ 0x%08X+%u: %zu bytes came, %zu expected\n", offset, length, reply.size(),
-               (n + 7) & ~size_t{3});
-        return false;
-    }
+    bytes reply = take(size, bound_ms);
+    char what[48];
+    snprintf(what, sizeof what, "READ 0x%08X+%u: ", offset, length);
+    if (reply.size() != size)
+        return miss(what + std::to_string(reply.size()) + " bytes came, " + std::to_string(size) + " expected");
     uint32_t sum = reply[0] | reply[1] << 8 | reply[2] << 16 | static_cast<uint32_t>(reply[3]) << 24;
     uint32_t want = 0;
     for (size_t i = 0; i < n; ++i) want += package[pos + i];
     got.assign(reply.begin() + 4, reply.begin() + 4 + static_cast<long>(n));
     bool data_ok = std::equal(got.begin(), got.end(), package.begin() + static_cast<long>(pos));
     bool pad_ok = std::all_of(reply.begin() + 4 + static_cast<long>(n), reply.end(), [](uint8_t b) { return b == 0; });
-    if (sum != want || !data_ok || !pad_ok) {
-        printf("[mcu] READ 0x%08X+%u: sum %08X (expected %08X), data %s, padding %s\n", offset, length, sum, want,
-               data_ok ? "ok" : "WRONG", pad_ok ? "ok" : "WRONG");
-        return false;
-    }
+    if (sum != want || !data_ok || !pad_ok)
+        return miss(what + std::string("sum ") + std::to_string(sum) + " (expected " + std::to_string(want) +
+                    "), data " + (data_ok ? "ok" : "WRONG") + ", padding " + (pad_ok ? "ok" : "WRONG"));
+    return true;
+}
+
+bytes package_bytes(const std::string& path)
+{
+    bool exists = false;
+    std::string text = read_file(path, exists);
+    if (!exists) throw std::runtime_error("cannot read " + path);
+    return bytes(text.begin(), text.end());
+}
+
+// The daemon's call "UART_UPDATA!"; frames that came before it are printed.
+bool await_call()
+{
+    const std::string call = "UART_UPDATA!";
+    bool called = wait_for([&] {
+        auto at = std::search(inbox.begin(), inbox.end(), call.begin(), call.end());
+        if (at == inbox.end()) return false;
+        bytes rest(at + static_cast<long>(call.size()), inbox.end());
+        inbox.erase(at, inbox.end());
+        show();
+        inbox = rest;
+        return true;
+    });
+    if (!called) return miss("expected \"UART_UPDATA!\", nothing within " + std::to_string(bound_ms) + " ms");
+    printf("[mcu] <- \"UART_UPDATA!\"\n");
     return true;
 }
 
 bool upload(const std::string& package_path, uint32_t block, const std::string& out_path)
 {
-    std::ifstream in(package_path, std::ios::binary);
-    if (!in) fail("cannot read " + package_path);
-    bytes package((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (block == 0 || block > 4096) fail("block must be 1 to 4096");
-
-    // The call: "UART_UPDATA!" up to five times; frames before it are printed.
-    auto deadline = steady::now() + std::chrono::milliseconds(8000);
-    const std::string call = "UART_UPDATA!";
-    for (;;) {
-        auto at = std::search(inbox.begin(), inbox.end(), call.begin(), call.end());
-        if (at != inbox.end()) {
-            bytes rest(at + static_cast<long>(call.size()), inbox.end());
-            inbox.erase(at, inbox.end());
-            bool unused = false;
-            take_frames(std::nullopt, &unused);  // frames that came ahead of the call
-            inbox = rest;
-            break;
-        }
-        if (ms_left(deadline) == 0) {
-            printf("[mcu] no \"UART_UPDATA!\" from the daemon\n");
-            return false;
-        }
-        fill(ms_left(deadline));
-    }
-    printf("[mcu] <- \"UART_UPDATA!\"\n");
+    bytes package = package_bytes(package_path);
+    if (!await_call()) return false;
 
     bytes got;
     if (!fetch(package, 0xFFFFFFFFu, 32, got)) return false;
-    printf("[mcu] header: %s\n", hex(got.data(), std::min<size_t>(got.size(), 32)).c_str());
+    say("header: " + hex(got.data(), std::min<size_t>(got.size(), 32)));
     bytes firmware;
     size_t blocks = 0;
     for (uint32_t off = 0;; off += block) {
@@ -281,182 +372,201 @@ bool upload(const std::string& package_path, uint32_t block, const std::string& 
         firmware.insert(firmware.end(), got.begin(), got.end());
         if (got.size() < block) break;
     }
-    const std::string end = "UPDATA_SUCC!";
-    write_all(bytes(end.begin(), end.end()));
+    write_all(std::string_view("UPDATA_SUCC!"));
     printf("[mcu] -> \"UPDATA_SUCC!\": firmware of %zu bytes in %zu READs, every sum and byte verified\n",
            firmware.size(), blocks);
     if (!out_path.empty()) {
-        std::ofstream out(out_path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(firmware.data()), static_cast<std::streamsize>(firmware.size()));
+        FILE* f = fopen(out_path.c_str(), "wb");
+        bool ok = f && fwrite(firmware.data(), 1, firmware.size(), f) == firmware.size();
+        if (f) ok = fclose(f) == 0 && ok;
+        if (!ok) return miss("cannot write " + out_path);
     }
     return true;
 }
 
-// ---- building frames by name
+// ---- steps
 
-struct field {
-    const char* name;
-    int byte;
-    int shift;
-    int width;  // bits; 16 = two bytes, low byte first
-};
-
-struct frame_kind {
-    const char* name;
-    uint8_t cmd;
-    size_t size;
-    std::vector<field> fields;
-};
-
-const std::vector<frame_kind> kinds = {
-    {"mix", 2, 4, {{"source", 0, 0, 4}, {"mode", 0, 4, 4}, {"dec", 1, 0, 8}, {"upmix", 2, 0, 8}, {"i2s", 3, 0, 8}}},
-    {"system", 3, 4,
-     {{"hbr", 0, 5, 3}, {"silence", 1, 6, 1}, {"line43", 1, 3, 1}, {"line42", 1, 2, 1}, {"module", 2, 4, 4},
-      {"value", 2, 0, 4}, {"volume", 3, 1, 6}, {"mute", 3, 0, 1}}},
-    {"delay", 4, 12, {}},
-    {"vol", 5, 12, {}},
-    {"atmos", 6, 11, {}},
-    {"bm", 8, 16, {}},
-    {"music", 9, 5,
-     {{"play", 0, 6, 1}, {"tone", 0, 4, 1}, {"index", 1, 0, 8}, {"mask", 2, 0, 16}, {"gain", 4, 0, 8}}},
-    {"dtsx", 11, 3, {}},
-};
-
-bytes build(const frame_kind& k, const std::vector<std::string>& args)
+action send(std::string what, uint8_t cmd, bytes payload, bool bad = false)
 {
-    bytes p(k.size, 0);
-    size_t next = 0;
-    std::vector<long> plain;
-    for (const auto& a : args) {
-        auto eq = a.find('=');
-        if (eq == std::string::npos) {
-            plain.push_back(number(a));
-            continue;
-        }
-        std::string name = a.substr(0, eq);
-        long v = number(a.substr(eq + 1));
-        auto it = std::find_if(k.fields.begin(), k.fields.end(), [&](const field& f) { return name == f.name; });
-        if (it == k.fields.end()) fail(std::string("no field ") + name + " in " + k.name);
-        if (it->width == 16) {
-            p[static_cast<size_t>(it->byte)] = static_cast<uint8_t>(v);
-            p[static_cast<size_t>(it->byte) + 1] = static_cast<uint8_t>(v >> 8);
-            if (std::string(k.name) == "music") p[0] |= 0x20;  // the mask is given
-        } else {
-            uint8_t mask = static_cast<uint8_t>(((1u << it->width) - 1) << it->shift);
-            uint8_t& b = p[static_cast<size_t>(it->byte)];
-            b = static_cast<uint8_t>((b & ~mask) | ((v << it->shift) & mask));
-        }
-    }
-    // Plain values: one value fills a byte-per-position frame, else bytes in order.
-    if (plain.size() == 1 && k.fields.empty()) std::fill(p.begin(), p.end(), static_cast<uint8_t>(plain[0]));
-    else
-        for (long v : plain) {
-            if (next >= p.size()) fail(std::string("too many bytes for ") + k.name);
-            p[next++] = static_cast<uint8_t>(v);
-        }
-    return p;
+    return [=] {
+        bytes f = make_frame(cmd, payload, bad);
+        printf("[mcu] -> %s (command %u): %s\n", what.c_str(), cmd, hex(f).c_str());
+        write_all(f);
+        return true;
+    };
 }
 
-void send_frame(const char* what, uint8_t cmd, const bytes& payload)
+std::vector<verb> mcu_verbs()
 {
-    bytes f = make_frame(cmd, payload);
-    printf("[mcu] -> %s (command %u): %s\n", what, cmd, hex(f).c_str());
-    write_all(f);
+    std::vector<verb> v;
+    for (const auto& k : kinds) {
+        std::string usage;
+        if (k.fields.empty())
+            usage = "V...  command " + std::to_string(k.cmd) + ", " +
+                    std::to_string(k.size) + " bytes 0..255 (one value: all of them)";
+        else
+            usage = "FIELD=V...  command " + std::to_string(k.cmd) + ", fields below";
+        v.push_back({k.name, usage, k.fields.empty() ? 1u : 0u, k.fields.empty() ? k.size : k.fields.size() + k.size,
+                     [&k](const args& a) { return send(k.name, k.cmd, build(k, a)); }});
+    }
+    v.push_back({"record", "start|stop|export|import|report|N   command 10", 1, 1, [](const args& a) {
+                     return send("record " + a[0], 10, {word_or_number(record_words, a[0], "record")});
+                 }});
+    v.push_back({"ota", "start|exit|s8137|mcu|N                 command 14", 1, 1, [](const args& a) {
+                     return send("ota " + a[0], 14, {word_or_number(ota_words, a[0], "ota")});
+                 }});
+    v.push_back({"udisk", "base=N name=FILE    command 15, sub-command 0x11 (name up to 11 bytes)", 0, 2,
+                 [](const args& a) {
+                     bytes p(16, 0);
+                     p[0] = 0x11;
+                     for (const auto& w : a.w) {
+                         if (w.starts_with("base=")) {
+                             auto base = static_cast<uint32_t>(number(w.substr(5), 0, 0xFFFFFFFFL, "base"));
+                             for (int i = 0; i < 4; ++i) p[static_cast<size_t>(1 + i)] = static_cast<uint8_t>(base >> (8 * i));
+                         } else if (w.starts_with("name=") && w.size() <= 16) {
+                             std::copy(w.begin() + 5, w.end(), p.begin() + 5);
+                         } else {
+                             throw usage_error("udisk takes base=N and name=FILE of up to 11 bytes, not " + w);
+                         }
+                     }
+                     return send("udisk", 15, p);
+                 }});
+    for (bool bad : {false, true})
+        v.push_back({bad ? "badframe" : "frame",
+                     bad ? "CMD [BYTE|\"TEXT\"|@FILE...]  a frame with a wrong check digit (the daemon logs it: a marker)"
+                         : "CMD [BYTE|\"TEXT\"|@FILE...]  any frame (up to 252 payload bytes)",
+                     1, SIZE_MAX, [bad](const args& a) -> action {
+                         auto cmd = static_cast<uint8_t>(a.num(0, 0, 255, "command"));
+                         if (a.size() > 253) throw usage_error("a frame holds at most 252 payload bytes");
+                         return [bad, cmd, get = byte_list(a, 1)] {
+                             bytes p = get();
+                             if (p.size() > 252) return miss("a frame holds at most 252 payload bytes, not " + std::to_string(p.size()));
+                             return send(bad ? "badframe" : "frame", cmd, p, bad)();
+                         };
+                     }});
+    v.push_back({"expect frame", "ID [BYTE|..]...  the next frame from the daemon has command ID and, when bytes\n"
+                                 "                        are given, exactly that many payload bytes, each equal or ..",
+                 1, 253, [](const args& a) -> action {
+                     std::vector<int> pattern;
+                     for (size_t i = 1; i < a.size(); ++i)
+                         pattern.push_back(a[i] == ".." ? -1 : static_cast<int>(a.num(i, 0, 255, "byte")));
+                     return [id = static_cast<int>(a.num(0, 0, 255, "frame id")), pattern] { return expect_frame(id, pattern); };
+                 }});
+    v.push_back({"ignore frame", "ID               pass over frames of this id when they are not the one expected", 1, 1,
+                 [](const args& a) -> action {
+                     return [id = static_cast<int>(a.num(0, 0, 255, "frame id"))] {
+                         ignored_frames.push_back(id);
+                         return true;
+                     };
+                 }});
+    v.push_back({"wait", "ID|any [MS]          wait for a frame of that id, passing over others (default 3000 ms)", 1, 2,
+                 [](const args& a) -> action {
+                     int id = a[0] == "any" ? -1 : static_cast<int>(a.num(0, 0, 255, "frame id"));
+                     int ms = a.size() > 1 ? static_cast<int>(a.num(1, 0, 3600000, "wait")) : 3000;
+                     return [=] {
+                         bool is_frame = false;
+                         auto seen = [&] {
+                             while (auto b = next_piece(is_frame))
+                                 if (is_frame && (id < 0 || (b->size() > 3 && (*b)[2] == id))) return true;
+                             return false;
+                         };
+                         return wait_for(seen, ms) ? true : miss("no frame " + a[0] + " within " + std::to_string(ms) + " ms");
+                     };
+                 }});
+    v.push_back({"listen", "MS                 print what comes in for MS milliseconds", 1, 1, [](const args& a) -> action {
+                     return [ms = static_cast<int>(a.num(0, 0, 3600000, "listen"))] {
+                         wait_for([] { return show(), false; }, ms);
+                         return true;
+                     };
+                 }});
+    v.push_back({"notify", "FILE               write one byte to FILE, e.g. the daemon's /tmp/mcu_if_pipe", 1, 1,
+                 [](const args& a) -> action {
+                     return [path = a[0]] {
+                         int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+                         bool ok = fd >= 0 && write(fd, "!", 1) == 1;
+                         if (fd >= 0) close(fd);
+                         if (!ok) return miss("cannot write to " + path + ": " + strerror(errno));
+                         say("notified " + path);
+                         return true;
+                     };
+                 }});
+    v.push_back({"handshake", "[TEXT]         wait for the daemon's \"UART_UPDATA!\", then answer TEXT (none: silence)", 0, 1,
+                 [](const args& a) -> action {
+                     return [text = a.size() ? a[0] : std::string(), answer = a.size() > 0] {
+                         if (!await_call()) return false;
+                         if (answer) printf("[mcu] -> %s\n", quote(text).c_str()), write_all(text);
+                         return true;
+                     };
+                 }});
+    v.push_back({"read", "PACKAGE OFFSET LENGTH  a READ request of the upload; the reply is checked against\n"
+                         "                        PACKAGE (offset 0xFFFFFFFF: its start, else 2048 + OFFSET; at most 4096 bytes)",
+                 3, 3, [](const args& a) -> action {
+                     auto offset = static_cast<uint32_t>(a.num(1, 0, 0xFFFFFFFFL, "offset"));
+                     auto length = static_cast<uint32_t>(a.num(2, 0, 0xFFFFFFFFL, "length"));
+                     return [=, path = a[0]] {
+                         bytes got;
+                         if (!fetch(package_bytes(path), offset, length, got)) return false;
+                         say("READ served " + std::to_string(got.size()) + " bytes, sum and bytes verified");
+                         return true;
+                     };
+                 }});
+    v.push_back({"upload", "PACKAGE [BLOCK] [OUT]  the firmware upload as the MCU drives it: waits for\n"
+                           "                        \"UART_UPDATA!\", reads the header (offset 0xFFFFFFFF), then the MCU\n"
+                           "                        section in BLOCK bytes (1..4096, default 1024), checks every sum and\n"
+                           "                        byte against PACKAGE, writes the firmware to OUT, ends \"UPDATA_SUCC!\"",
+                 1, 3, [](const args& a) -> action {
+                     auto block = static_cast<uint32_t>(a.size() > 1 ? a.num(1, 1, 4096, "block") : 1024);
+                     return [=, path = a[0], out = a.size() > 2 ? a[2] : std::string()] { return upload(path, block, out); };
+                 }});
+    return v;
 }
 
-bool run(const std::string& line)
+std::string fields_help()
 {
-    std::vector<std::string> w = words(line);
-    if (w.empty() || w[0][0] == '#') return true;
-    const std::string& op = w[0];
-    std::vector<std::string> args(w.begin() + 1, w.end());
-    auto arg = [&](size_t i, const char* dflt) { return i < args.size() ? args[i] : std::string(dflt); };
-
-    for (const auto& k : kinds)
-        if (op == k.name) {
-            send_frame(k.name, k.cmd, build(k, args));
-            return true;
-        }
-    static const std::map<std::string, uint8_t> record = {
-        {"start", 1}, {"stop", 2}, {"export", 3}, {"import", 4}, {"report", 32}};
-    static const std::map<std::string, uint8_t> ota = {{"start", 1}, {"exit", 3}, {"s8137", 5}, {"mcu", 6}};
-    if (op == "record" || op == "ota") {
-        const auto& table = op == "record" ? record : ota;
-        auto it = table.find(arg(0, ""));
-        uint8_t v = it != table.end() ? it->second : static_cast<uint8_t>(number(arg(0, "0")));
-        send_frame((op + " " + arg(0, "")).c_str(), op == "record" ? 10 : 14, {v});
-        return true;
+    std::string o = "\nFields (name=value; plain values fill the bytes in order):\n";
+    for (const auto& k : kinds) {
+        if (k.fields.empty()) continue;
+        o += "  " + std::string(k.name) + ":";
+        for (const auto& f : k.fields) o += std::string(" ") + f.name + "=0.." + std::to_string((1L << f.width) - 1);
+        o += "\n";
     }
-    if (op == "udisk") {
-        bytes p(16, 0);
-        p[0] = 0x11;
-        for (const auto& a : args) {
-            if (a.rfind("base=", 0) == 0) {
-                uint32_t base = static_cast<uint32_t>(number(a.substr(5)));
-                for (int i = 0; i < 4; ++i) p[static_cast<size_t>(1 + i)] = static_cast<uint8_t>(base >> (8 * i));
-            } else if (a.rfind("name=", 0) == 0) {
-                std::string name = a.substr(5, 11);
-                std::copy(name.begin(), name.end(), p.begin() + 5);
-            } else {
-                fail("udisk takes base= and name=");
-            }
-        }
-        send_frame("udisk", 15, p);
-        return true;
-    }
-    if (op == "frame" || op == "raw") {
-        bytes b;
-        for (const auto& a : args) b.push_back(static_cast<uint8_t>(number(a)));
-        if (op == "raw") {
-            printf("[mcu] -> raw: %s\n", hex(b).c_str());
-            write_all(b);
-        } else {
-            if (b.empty()) fail("frame needs a command");
-            send_frame("frame", b[0], bytes(b.begin() + 1, b.end()));
-        }
-        return true;
-    }
-    if (op == "wait") {
-        int id = arg(0, "any") == "any" ? -1 : static_cast<int>(number(arg(0, "")));
-        int ms = static_cast<int>(number(arg(1, "3000")));
-        if (!wait_frame(id, ms)) {
-            printf("[mcu] no frame %s within %d ms\n", arg(0, "any").c_str(), ms);
-            return false;
-        }
-        return true;
-    }
-    if (op == "listen") {
-        listen(static_cast<int>(number(arg(0, "1000"))));
-        return true;
-    }
-    if (op == "sleep") {
-        std::this_thread::sleep_for(std::chrono::milliseconds(number(arg(0, "0"))));
-        return true;
-    }
-    if (op == "notify") {
-        int fd = open(arg(0, "").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        if (fd < 0 || write(fd, "!", 1) != 1) {
-            printf("[mcu] cannot write to %s: %s\n", arg(0, "").c_str(), strerror(errno));
-            if (fd >= 0) close(fd);
-            return false;
-        }
-        close(fd);
-        printf("[mcu] notified %s\n", arg(0, "").c_str());
-        return true;
-    }
-    if (op == "upload") {
-        if (args.empty()) fail("upload needs the package file");
-        return upload(args[0], static_cast<uint32_t>(number(arg(1, "1024"))), arg(2, ""));
-    }
-    fail("unknown command: " + op);
+    return o + "  music: giving mask= also sets bit 5 of byte 0\n";
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    return run_main(argc, argv, "[mcu]",
-                    "Usage: mcu_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
-                    "See the head of tools/mcu_sim.cpp for the commands.",
-                    quiet, run);
+    tag = "[mcu]";
+    static const std::string more = fields_help() + R"(
+Options:
+  --port DEV        a terminal (a board's port); line settings as the daemon's:
+  -b RATE -P odd|even|mark|space -B (two stop bits) -c (RTS/CTS); default 115200 8N1
+  --pty FILE        make a pseudo-terminal, write its slave's path to FILE
+  -f SCRIPT         steps from SCRIPT ('-': standard input); '#' starts a comment,
+                    lines starting with '@' are for the test runner
+  --log FILE --dsp-log FILE --dsp-rules FILE --calls FILE --exit FILE
+                    the daemon's log, the DSP stand-in's report and rules, the
+                    stand-in log, the daemon's exit status; without one, the steps
+                    that need it are reported skipped and pass
+  -q, --quiet       fewer lines;  --version;  -h, --help
+  --decode ...      decode captured traffic (see below)
+Words are separated by blanks; "..." is one word; \n \r \t \\ \" \0 \xHH escape.
+Numbers are decimal or 0x hex. The whole script is checked before anything is
+sent. Without steps and with a terminal on standard input: interactive.
+Exit status: 0; 1 at the first failed step; 2 for a bad command line or script
+(nothing sent) or a port that cannot be set up.
+)" + decode_help("mcu_sim", "MCU") + R"(
+Examples:
+  mcu_sim --port /dev/ttyUSB0 -b 115200 "expect frame 0x20" "vol 60" "wait 0x21 5000"
+  mcu_sim --pty /tmp/pty -f volume.mcu
+  mcu_sim --decode --hex --daemon capture.txt)";
+    program p{"mcu_sim",
+              "Usage: mcu_sim (--port DEV | --pty FILE) [OPTION]... [-f SCRIPT] [STEP]...\n"
+              "       mcu_sim --decode [--hex] [--time] [--mcu SOURCE] [--daemon SOURCE]\n"
+              "Plays the product's host microcontroller on the MCU link of tty_hub.",
+              more.c_str(), mcu_verbs(), show, {}};
+    decoder d{"mcu", first_frame, frame_text, [](const uint8_t*, size_t) { return true; }};
+    if (argc > 1 && std::string(argv[1]) == "--decode") return run_decode(argc, argv, d);
+    return run_main(argc, argv, p);
 }

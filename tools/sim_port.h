@@ -1,8 +1,9 @@
-// What the peer simulators share: their end of the serial link (a terminal
-// device, or the master side of a new pseudo-terminal), buffered reads with
-// time-outs, and number and hex helpers.
+// What the peer simulators share on their end of the serial link: a terminal
+// device with the daemon's line settings, or the master side of a new
+// pseudo-terminal; buffered reads; number and hex helpers.
 #pragma once
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -10,9 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <poll.h>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
@@ -26,12 +28,23 @@ using steady = std::chrono::steady_clock;
 inline const char* tag = "[sim]";
 inline int port_fd = -1;
 inline bytes inbox;  // read from the port, not yet taken apart
+inline int capture_sent = -1, capture_received = -1;  // copies of the traffic, or -1
 
-[[noreturn]] inline void fail(const std::string& what)
+inline void copy_to(int fd, const uint8_t* p, size_t n)
 {
-    fprintf(stderr, "%s %s\n", tag, what.c_str());
-    exit(1);
+    while (fd >= 0 && n) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0 && errno == EINTR) continue;
+        if (w < 0) return;
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
 }
+
+// A fault of the command line, the script or the set-up: nothing has run.
+struct usage_error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 inline std::string hex(const uint8_t* p, size_t n)
 {
@@ -45,13 +58,15 @@ inline std::string hex(const uint8_t* p, size_t n)
 }
 inline std::string hex(const bytes& b) { return hex(b.data(), b.size()); }
 
-// Decimal or 0x hex; anything else ends the simulator.
-inline long number(const std::string& s)
+// Decimal or 0x hex within [lo, hi]; a usage_error names what was wrong.
+inline long number(const std::string& s, long lo, long hi, const std::string& what)
 {
     char* end = nullptr;
     errno = 0;
     long v = strtol(s.c_str(), &end, 0);
-    if (s.empty() || *end || errno) fail("not a number: " + s);
+    if (s.empty() || *end || errno) throw usage_error(what + ": not a number: \"" + s + "\"");
+    if (v < lo || v > hi)
+        throw usage_error(what + " " + s + " out of range " + std::to_string(lo) + ".." + std::to_string(hi));
     return v;
 }
 
@@ -61,38 +76,47 @@ inline int ms_left(steady::time_point deadline)
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-inline void write_all(const bytes& b)
+inline void write_all(const uint8_t* p, size_t n)
 {
+    copy_to(capture_sent, p, n);
     size_t done = 0;
-    while (done < b.size()) {
-        ssize_t w = write(port_fd, b.data() + done, b.size() - done);
+    while (done < n) {
+        ssize_t w = write(port_fd, p + done, n - done);
         if (w < 0) {
             if (errno == EINTR) continue;
             if (errno == EAGAIN) {
-                pollfd p{port_fd, POLLOUT, 0};
-                poll(&p, 1, 100);
+                pollfd pf{port_fd, POLLOUT, 0};
+                poll(&pf, 1, 100);
                 continue;
             }
-            fail(std::string("write: ") + strerror(errno));
+            fprintf(stderr, "%s write: %s\n", tag, strerror(errno));
+            exit(1);
         }
         done += static_cast<size_t>(w);
     }
 }
-inline void write_all(const std::string& s) { write_all(bytes(s.begin(), s.end())); }
+inline void write_all(const bytes& b) { write_all(b.data(), b.size()); }
+inline void write_all(std::string_view s) { write_all(reinterpret_cast<const uint8_t*>(s.data()), s.size()); }
 
-// Adds what comes within ms to the inbox; false if nothing came.
+// Waits up to ms for the port and adds what came to the inbox; false if
+// nothing came. Without a port it only waits.
 inline bool fill(int ms)
 {
+    if (port_fd < 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        return false;
+    }
     pollfd p{port_fd, POLLIN, 0};
     if (poll(&p, 1, ms) <= 0) return false;
     uint8_t buf[4096];
     ssize_t r = read(port_fd, buf, sizeof buf);
     if (r <= 0) {
-        if (r < 0 && (errno == EAGAIN || errno == EINTR)) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // A hang-up (no slave open yet, or a board unplugged) must not spin.
+        if (r == 0 || (errno != EAGAIN && errno != EINTR)) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
         return false;
     }
     inbox.insert(inbox.end(), buf, buf + r);
+    copy_to(capture_received, buf, static_cast<size_t>(r));
     return true;
 }
 
@@ -100,111 +124,90 @@ inline bool fill(int ms)
 inline bytes take(size_t n, int ms)
 {
     auto deadline = steady::now() + std::chrono::milliseconds(ms);
-    while (inbox.size() < n && ms_left(deadline) > 0) fill(ms_left(deadline));
+    while (inbox.size() < n && ms_left(deadline) > 0) fill(std::min(ms_left(deadline), 50));
     size_t k = std::min(n, inbox.size());
     bytes out(inbox.begin(), inbox.begin() + static_cast<long>(k));
     inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(k));
     return out;
 }
 
-// What comes: waits up to first_ms for a first byte, then takes everything
-// until the line has been quiet for quiet_ms (at most max_ms in all).
-inline bytes take_until_quiet(int first_ms, int quiet_ms, int max_ms)
+// Line settings as the daemon takes them: -b RATE, -P PARITY, -B, -c.
+struct line_settings {
+    long rate = 115200;
+    bool parity = false, odd = false, stick = false, two_stop = false, rts_cts = false;
+};
+
+struct rate_constant {
+    long rate;
+    speed_t bits;
+};
+inline constexpr std::array<rate_constant, 18> rates{{
+    {9600, B9600},       {19200, B19200},     {38400, B38400},     {57600, B57600},     {115200, B115200},
+    {230400, B230400},   {460800, B460800},   {500000, B500000},   {576000, B576000},   {921600, B921600},
+    {1000000, B1000000}, {1152000, B1152000}, {1500000, B1500000}, {2000000, B2000000}, {2500000, B2500000},
+    {3000000, B3000000}, {3500000, B3500000}, {4000000, B4000000},
+}};
+
+inline speed_t speed_of(long rate)
 {
-    auto deadline = steady::now() + std::chrono::milliseconds(max_ms);
-    if (inbox.empty() && !fill(std::min(first_ms, ms_left(deadline)))) return {};
-    while (ms_left(deadline) > 0 && fill(std::min(quiet_ms, ms_left(deadline)))) {
-    }
-    bytes out;
-    out.swap(inbox);
-    return out;
+    for (const auto& r : rates)
+        if (r.rate == rate) return r.bits;
+    std::string all;
+    for (const auto& r : rates) all.append(" ").append(std::to_string(r.rate));
+    throw usage_error("rate " + std::to_string(rate) + " not supported; one of" + all);
 }
 
-// --port DEV opens a terminal raw at 115200; --pty FILE makes a pseudo-terminal
-// and writes its slave's path to FILE. The slave stays open here, raw, so that
-// nothing is echoed and the master sees no hang-up before the daemon opens it.
-inline void open_port(const std::string& port, const std::string& pty_file)
+// The parity words of the daemon's -P: mark, odd, space; any other is even.
+inline void set_parity(line_settings& l, const std::string& word)
 {
-    if (!pty_file.empty()) {
-        port_fd = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (port_fd < 0 || grantpt(port_fd) || unlockpt(port_fd)) fail("cannot make a pseudo-terminal");
-        const char* name = ptsname(port_fd);
-        int slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (slave < 0) fail(std::string("cannot open ") + name);
-        termios t{};
-        tcgetattr(slave, &t);
-        cfmakeraw(&t);
-        tcsetattr(slave, TCSANOW, &t);
-        std::ofstream(pty_file) << name << "\n";
-    } else {
-        port_fd = open(port.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        if (port_fd < 0) fail("cannot open " + port + ": " + strerror(errno));
-        termios t{};
-        tcgetattr(port_fd, &t);
-        cfmakeraw(&t);
-        cfsetspeed(&t, B115200);
-        tcsetattr(port_fd, TCSANOW, &t);
-    }
-    fcntl(port_fd, F_SETFL, fcntl(port_fd, F_GETFL) | O_NONBLOCK);
+    l.parity = true;
+    l.odd = word == "mark" || word == "odd";
+    l.stick = word == "mark" || word == "space";
 }
 
-// The common command line: (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...
-// Returns the commands in order; usage is printed for -h.
-inline std::vector<std::string> parse_command_line(int argc, char** argv, const char* usage, bool& quiet)
+// DEV raw with the line settings; failures are usage errors.
+inline int open_terminal(const std::string& dev, const line_settings& l)
 {
-    std::string port, pty_file;
-    std::vector<std::string> commands;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        if ((a == "--port" || a == "--pty" || a == "-f") && i + 1 < argc) {
-            std::string v = argv[++i];
-            if (a == "--port") {
-                port = v;
-            } else if (a == "--pty") {
-                pty_file = v;
-            } else {
-                std::ifstream in(v);
-                if (!in) fail("cannot read " + v);
-                for (std::string line; std::getline(in, line);) commands.push_back(line);
-            }
-        } else if (a == "--quiet" || a == "-q") {
-            quiet = true;
-        } else if (a == "-h" || a == "--help") {
-            puts(usage);
-            exit(0);
-        } else {
-            commands.push_back(a);
-        }
-    }
-    if (port.empty() == pty_file.empty()) fail("give one of --port DEV or --pty FILE");
-    open_port(port, pty_file);
-    return commands;
+    int fd = open(dev.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) throw usage_error("cannot open " + dev + ": " + strerror(errno));
+    termios t{};
+    if (tcgetattr(fd, &t) != 0) throw usage_error(dev + " is no terminal: " + strerror(errno));
+    cfmakeraw(&t);
+    t.c_cflag |= CLOCAL | CREAD;
+    t.c_cflag &= ~(CSTOPB | PARENB | PARODD | CMSPAR | CRTSCTS);
+    if (l.two_stop) t.c_cflag |= CSTOPB;
+    if (l.rts_cts) t.c_cflag |= CRTSCTS;
+    if (l.parity) t.c_cflag |= PARENB | (l.odd ? PARODD : 0) | (l.stick ? CMSPAR : 0);
+    if (cfsetspeed(&t, speed_of(l.rate)) != 0 || tcsetattr(fd, TCSANOW, &t) != 0)
+        throw usage_error("cannot set up " + dev + ": " + strerror(errno));
+    return fd;
 }
 
-// A simulator's main: line-buffered output, the common command line, then
-// each command in turn; 1 at the first that fails.
-inline int run_main(int argc, char** argv, const char* name, const char* usage, bool& quiet,
-                    bool (*run)(const std::string&))
+// A new pseudo-terminal; the slave's path goes to pty_file (written whole,
+// then renamed into place, so a watcher never reads half a path). The slave
+// stays open here, raw, so that nothing is echoed and the master sees no
+// hang-up before the daemon opens it.
+inline int open_pty(const std::string& pty_file)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    tag = name;
-    for (const auto& c : parse_command_line(argc, argv, usage, quiet))
-        if (!run(c)) return 1;
-    return 0;
-}
-
-inline std::vector<std::string> words(const std::string& line)
-{
-    std::vector<std::string> w;
-    size_t i = 0;
-    while (i < line.size()) {
-        while (i < line.size() && isspace(static_cast<unsigned char>(line[i]))) ++i;
-        size_t j = i;
-        while (j < line.size() && !isspace(static_cast<unsigned char>(line[j]))) ++j;
-        if (j > i) w.push_back(line.substr(i, j - i));
-        i = j;
+    int fd = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0 || grantpt(fd) || unlockpt(fd)) throw usage_error(std::string("cannot make a pseudo-terminal: ") + strerror(errno));
+    const char* name = ptsname(fd);
+    int slave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slave < 0) throw usage_error(std::string("cannot open ") + name);
+    termios t{};
+    tcgetattr(slave, &t);
+    cfmakeraw(&t);
+    tcsetattr(slave, TCSANOW, &t);
+    std::string tmp = pty_file + ".tmp";
+    FILE* f = fopen(tmp.c_str(), "w");
+    bool ok = f && fprintf(f, "%s\n", name) > 0;
+    if (f) ok = fclose(f) == 0 && ok;
+    if (!ok || rename(tmp.c_str(), pty_file.c_str()) != 0) {
+        unlink(tmp.c_str());
+        throw usage_error("cannot write " + pty_file + ": " + strerror(errno));
     }
-    return w;
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    return fd;
 }
 
 }  // namespace sim

@@ -1,41 +1,23 @@
-// tool_sim: plays the DSP tuning tool on the tool link (/dev/ttyS2).
-//
-//   tool_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...
-//
-// Port, pty and script as for mcu_sim. Lines go out ended by CR LF, each in
-// one write, and each waits for its answer before the next goes out, since
-// the daemon takes one read as one input. Commands:
-//   probe [MS]             "mon" every half second until "MN>" comes back
-//                          (default: give up after 10000 ms)
-//   tune WORD FIELD...     a tuning line "dsp WORD FIELD... K" with the
-//                          checksum K computed here; expects "[ok]"
-//   tune-bad WORD FIELD... the same with a wrong K; expects "[fail]"
-//   query WORD [ARG...]    a read-back query "dsp WORD ARG..."; checks the
-//                          length and the 16-bit sum of the reply line
-//   line TEXT...           any text line, CR LF added; prints what comes back
-//   push FILE [NAME] [CHUNK]
-//                          sends FILE as configuration NAME (default: the
-//                          file's name; "cfg.bin" is the main configuration)
-//                          in START_SEND_DATA, SEND_DATA chunks of CHUNK bytes
-//                          (default 1024) and END_SEND_DATA, each reply checked
-//   frame CMD [BYTE...]    a tool frame with this command and data
-//   sleep MS
-// Numbers may be decimal or 0x hex. Exit status: 0, or 1 at the first failure.
+// tool_sim: plays the DSP tuning tool on the tool link (/dev/ttyS2), runs
+// test scenarios against the daemon, and decodes captured tool link traffic.
+// `tool_sim --help` lists the steps, options and examples.
 #include <cmath>
-#include <sstream>
 
-#include "tools/sim_port.h"
+#include "tools/sim_decode.h"
+#include "tools/sim_script.h"
 
 namespace {
 
 using namespace sim;
-bool quiet = false;
+bool stop_on_miss = false;  // a read-back query without an answer fails the run
+uint8_t last_frame = 0;     // the command of the last frame sent
+int stale_probe_answers = 0;  // "MN>" still owed to repeated probes
 
 // A field's value in the checksum: integers as 32 bits, floats truncated
 // towards zero and saturated, NaN as 0.
 uint32_t field_value(const std::string& f)
 {
-    bool is_float = f.find_first_of(".eEnN") != std::string::npos && f.rfind("0x", 0) != 0;
+    bool is_float = f.find_first_of(".eEnN") != std::string::npos && !f.starts_with("0x");
     if (!is_float) return static_cast<uint32_t>(strtoll(f.c_str(), nullptr, 10));
     float v = strtof(f.c_str(), nullptr);
     if (std::isnan(v)) return 0;
@@ -58,189 +40,411 @@ uint16_t readback_sum(const uint8_t* p, size_t n)
     return static_cast<uint16_t>(s);
 }
 
-std::string printable(const bytes& b)
+std::string text_of(const uint8_t* b, size_t n) { return quote(std::string(b, b + n)); }
+
+bool starts(const uint8_t* b, size_t n, std::string_view lit)
 {
-    std::string out;
-    for (uint8_t c : b) {
-        if (c == '\n') out += "\\n";
-        else if (c == '\r') out += "\\r";
-        else if (c == 0) out += "\\0";
-        else if (c < 0x20 || c >= 0x7F) {
-            char buf[8];
-            snprintf(buf, sizeof buf, "\\x%02x", c);
-            out += buf;
-        } else out += static_cast<char>(c);
+    return std::equal(b, b + std::min(n, lit.size()), lit.begin(), [](uint8_t x, char y) { return x == static_cast<uint8_t>(y); });
+}
+
+// A read-back reply "NAME LEN 0xSUM TEXT": its whole length, 0 while it may
+// still complete, SIZE_MAX if the bytes are not of that form.
+size_t readback_length(const uint8_t* b, size_t n)
+{
+    size_t i = 0;
+    while (i < n && i < 64 && b[i] > ' ' && b[i] < 0x7F) ++i;
+    if (i == n) return i < 64 ? 0 : SIZE_MAX;
+    if (i == 0 || b[i] != ' ') return SIZE_MAX;
+    size_t digits = ++i;
+    size_t len = 0;
+    while (i < n && isdigit(b[i]) && i - digits < 5) len = len * 10 + (b[i++] - '0');
+    if (i == n) return 0;
+    if (i == digits || b[i++] != ' ') return SIZE_MAX;
+    for (size_t k = 0; k < 7; ++k, ++i) {
+        if (i == n) return 0;
+        bool ok = k == 0 ? b[i] == '0' : k == 1 ? b[i] == 'x' : k < 6 ? isxdigit(b[i]) != 0 : b[i] == ' ';
+        if (!ok) return SIZE_MAX;
     }
-    return out;
+    return i + len <= n ? i + len : 0;
 }
 
-// A line and what comes back; a failure that gets no answer costs first_ms.
-bytes send_line(const std::string& text, int first_ms = 3000)
+// Tool frames, both directions: 55 AA kind command length(2, LE) data checksum.
+size_t frame_length(const uint8_t* b, size_t n)
 {
-    printf("[tool] -> %s\n", text.c_str());
-    inbox.clear();
-    write_all(text + "\r\n");
-    return take_until_quiet(first_ms, 300, 15000);
+    if (n < 6) return 0;
+    size_t len = b[4] | static_cast<size_t>(b[5]) << 8;
+    return n >= len + 7 ? len + 7 : 0;
 }
 
-bool expect_text(const bytes& got, const std::string& want)
+// The first piece of a stream of the tool link. From the daemon: "MN>",
+// "[ok]" or "[fail]" with their NUL, a read-back line, a reply frame. From
+// the tool: "mon", a tool frame, a text line up to its line end.
+piece first_piece(const uint8_t* b, size_t n, bool at_end, bool from_daemon)
 {
-    bool ok = got == bytes(want.begin(), want.end());
-    printf("[tool] <- \"%s\"%s\n", printable(got).c_str(), ok ? "" : ("   (expected \"" + printable(bytes(want.begin(), want.end())) + "\")").c_str());
-    return ok;
-}
-
-// "NAME LEN 0xSUM TEXT" with LEN bytes of TEXT whose sum is SUM.
-bool check_readback(const bytes& got)
-{
-    std::string s(got.begin(), got.end());
-    char name[64] = {};
-    int len = -1;
-    unsigned sum = 0;
-    int consumed = 0;
-    if (sscanf(s.c_str(), "%63s %d 0x%4x %n", name, &len, &sum, &consumed) < 3 || len < 0) {
-        printf("[tool] <- \"%s\"   (not a read-back reply)\n", printable(got).c_str());
-        return false;
+    if (n == 0) return {0, piece::more};
+    auto done = [&](size_t len) { return len ? piece{len, piece::whole} : at_end ? piece{n, piece::cut} : piece{0, piece::more}; };
+    if (starts(b, n, "\x55\xAA")) return done(frame_length(b, n));
+    if (!from_daemon) {
+        if (starts(b, n, "mon")) return done(n >= 3 ? 3 : 0);
+        const uint8_t* nl = std::find(b, b + n, '\n');
+        return nl == b + n ? (at_end ? piece{n, piece::whole} : piece{0, piece::more}) : piece{static_cast<size_t>(nl - b) + 1, piece::whole};
     }
-    // The text starts behind the one blank after the sum, even if it is empty.
-    size_t text_at = s.find(' ', s.find(' ', s.find(' ') + 1) + 1);
-    text_at = text_at == std::string::npos ? s.size() : text_at + 1;
-    bytes text(got.begin() + static_cast<long>(std::min(text_at, got.size())), got.end());
-    uint16_t want = readback_sum(text.data(), text.size());
-    bool ok = static_cast<size_t>(len) == text.size() && want == sum;
-    printf("[tool] <- %s: %d bytes \"%s\", sum 0x%04x %s\n", name, len, printable(text).c_str(), sum,
-           ok ? "verified" : "WRONG");
-    if (!ok) printf("[tool]    (%zu bytes came, sum over them 0x%04x)\n", text.size(), want);
-    return ok;
+    for (std::string_view lit : {std::string_view("MN>"), std::string_view("[ok]\0", 5), std::string_view("[fail]\0", 7)})
+        if (starts(b, n, lit)) return done(n >= lit.size() ? lit.size() : 0);
+    size_t len = readback_length(b, n);
+    if (len == SIZE_MAX) return {n, piece::noise};
+    return done(len);
 }
 
-bytes tool_frame(uint8_t cmd, const bytes& data)
+const char* const frame_names[] = {"frame 0", "SEND_DATA", "START_SEND_DATA", "END_SEND_DATA"};
+
+std::string frame_text(const uint8_t* b, size_t n, bool from_daemon)
+{
+    uint8_t x = 0xFF;
+    for (size_t i = 2; i + 1 < n; ++i) x ^= b[i];
+    uint8_t cmd = b[3] & 0x7F;
+    size_t len = n - 7;
+    const uint8_t* d = b + 6;
+    std::string o = cmd < 4 ? frame_names[cmd] : "frame " + std::to_string(cmd);
+    auto u32 = [&] { return std::to_string(d[0] | d[1] << 8 | d[2] << 16 | static_cast<uint32_t>(d[3]) << 24); };
+    if (from_daemon) o = "reply to " + o + (len == 1 ? d[0] ? ": status 1 (failure)" : ": status 0" : ": " + hex(d, len));
+    else if (cmd == 2 && len >= 4) o += " size " + u32() + " name " + text_of(d + 4, len - 4);
+    else if (cmd == 1 && len >= 2) o += " chunk " + std::to_string(d[0] | d[1] << 8) + ", " + std::to_string(len - 2) + " bytes";
+    else if (cmd == 3 && len >= 4) o += " size " + u32();
+    return o + (x == b[n - 1] ? "" : "  [BAD CHECKSUM]");
+}
+
+// A read-back reply checked: its length and sum against its text.
+std::string readback_text(const uint8_t* b, size_t n, bool& ok)
+{
+    std::string s(b, b + n);
+    size_t name_end = s.find(' '), len_end = s.find(' ', name_end + 1);
+    size_t text_at = len_end + 8;
+    unsigned long len = strtoul(s.c_str() + name_end + 1, nullptr, 10);
+    unsigned long sum = strtoul(s.c_str() + len_end + 3, nullptr, 16);
+    ok = len == n - text_at && sum == readback_sum(b + text_at, n - text_at);
+    return "read-back " + s.substr(0, name_end) + ": " + text_of(b + text_at, n - text_at) + ", sum " +
+           (ok ? "verified" : "WRONG");
+}
+
+std::string piece_text(const uint8_t* b, size_t n, bool from_daemon)
+{
+    if (starts(b, n, "\x55\xAA")) return frame_text(b, n, from_daemon);
+    if (!from_daemon) {
+        if (n == 3 && starts(b, n, "mon")) return "probe \"mon\"";
+        std::string line(b, b + n);
+        std::string o = "line " + quote(line);
+        static const char* const tuning[] = {"output", "matrix", "vol", "headroom", "delay", "drc",
+                                             "filter", "truvol", "virtualx", "atmos", "bm"};
+        std::vector<std::string> w;
+        for (size_t i = 0, j; i < line.size(); i = j + 1) {
+            j = line.find_first_of(" \r\n", i);
+            if (j == std::string::npos) j = line.size();
+            if (j > i) w.push_back(line.substr(i, j - i));
+        }
+        if (w.size() > 2 && w[0] == "dsp" && std::any_of(std::begin(tuning), std::end(tuning), [&](const char* t) { return w[1] == t; })) {
+            uint32_t k = tuning_checksum(std::vector<std::string>(w.begin() + 2, w.end() - 1));
+            o += static_cast<uint32_t>(strtoul(w.back().c_str(), nullptr, 16)) == k ? ", checksum ok" : ", checksum WRONG";
+        }
+        return o;
+    }
+    if (readback_length(b, n) == n) {
+        bool ok = false;
+        return readback_text(b, n, ok);
+    }
+    return text_of(b, n);
+}
+
+// ---- replies from the daemon
+
+void drop_stale_probe_answers()
+{
+    while (stale_probe_answers > 0 && starts(inbox.data(), inbox.size(), "MN>") && inbox.size() >= 3) {
+        inbox.erase(inbox.begin(), inbox.begin() + 3);
+        --stale_probe_answers;
+    }
+}
+
+bytes take_front(size_t n)
+{
+    bytes b(inbox.begin(), inbox.begin() + static_cast<long>(n));
+    inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(n));
+    return b;
+}
+
+// The next whole reply within ms; nothing if none came whole.
+std::optional<bytes> next_reply(int ms)
+{
+    std::optional<bytes> got;
+    wait_for([&] {
+        drop_stale_probe_answers();
+        piece pc = first_piece(inbox.data(), inbox.size(), false, true);
+        if (pc.kind == piece::more) return false;
+        got = take_front(pc.len);
+        return true;
+    }, ms);
+    if (got) printf("[tool] <- %s\n", piece_text(got->data(), got->size(), true).c_str());
+    return got;
+}
+
+void show()
+{
+    while (next_reply(0)) {
+    }
+}
+
+std::string nothing_within() { return "nothing within " + std::to_string(bound_ms) + " ms"; }
+
+// The next reply is exactly want: read until its form is complete, or until
+// it can no longer be want.
+bool expect_reply(const std::string& want, const std::string& what)
+{
+    std::optional<bytes> got;
+    wait_for([&] {
+        if (want != "MN>") drop_stale_probe_answers();
+        piece pc = first_piece(inbox.data(), inbox.size(), false, true);
+        if (pc.kind == piece::whole) got = take_front(pc.len);
+        bool may_be_want = inbox.size() < want.size() && starts(inbox.data(), inbox.size(), want);
+        return got || (pc.kind == piece::noise && !may_be_want);
+    });
+    if (!got && starts(inbox.data(), inbox.size(), want) && inbox.size() >= want.size()) got = take_front(want.size());
+    if (!got) return miss("expected " + what + " " + quote(want) + ", " + (inbox.empty() ? nothing_within() : "got " + text_of(inbox.data(), inbox.size())));
+    printf("[tool] <- %s\n", text_of(got->data(), got->size()).c_str());
+    if (*got == bytes(want.begin(), want.end())) return true;
+    return miss("expected " + what + " " + quote(want) + ", got " + text_of(got->data(), got->size()));
+}
+
+// ---- steps
+
+void send_text(const std::string& text)
+{
+    printf("[tool] -> %s\n", quote(text).c_str());
+    write_all(text);
+}
+
+bool probe(int ms)
+{
+    auto deadline = steady::now() + std::chrono::milliseconds(ms);
+    int sent = 0;
+    do {
+        send_text("mon");
+        ++sent;
+        // Under load an answer may come late; the probe then repeats, and
+        // the answers still owed are passed over later.
+        if (auto r = next_reply(std::min(500, std::max(1, ms_left(deadline))))) {
+            if (*r != bytes{'M', 'N', '>'}) return miss("expected \"MN>\", got " + text_of(r->data(), r->size()));
+            stale_probe_answers += sent - 1;
+            return true;
+        }
+    } while (ms_left(deadline) > 0);
+    return miss("no answer to \"mon\" within " + std::to_string(ms) + " ms");
+}
+
+bool query(const std::string& line)
+{
+    send_text(line + "\r\n");
+    auto r = next_reply(bound_ms);
+    if (!r) {
+        std::string msg = "no answer to " + quote(line) + " within " + std::to_string(bound_ms) + " ms";
+        if (stop_on_miss) return miss(msg);
+        printf("[tool] %s: %s; going on\n", where.c_str(), msg.c_str());
+        return true;
+    }
+    bool ok = false;
+    if (readback_length(r->data(), r->size()) == r->size()) readback_text(r->data(), r->size(), ok);
+    return ok ? true : miss("expected a read-back reply with a right length and sum, got " + text_of(r->data(), r->size()));
+}
+
+void send_frame(uint8_t cmd, const bytes& data, bool show_it, bool bad = false)
 {
     bytes f = {0x55, 0xAA, 0x01, cmd, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)};
     f.insert(f.end(), data.begin(), data.end());
     uint8_t x = 0xFF;
     for (size_t i = 2; i < f.size(); ++i) x ^= f[i];
-    f.push_back(x);
-    return f;
-}
-
-// Sends a frame and reads its 8-byte reply; the reply's status, or -1.
-int frame_exchange(uint8_t cmd, const bytes& data, bool show)
-{
-    bytes f = tool_frame(cmd, data);
-    if (show) printf("[tool] -> frame %u with %zu data bytes\n", cmd, data.size());
-    inbox.clear();
+    f.push_back(bad ? static_cast<uint8_t>(~x) : x);
+    if (show_it) printf("[tool] -> %s\n", frame_text(f.data(), f.size(), false).c_str());
     write_all(f);
-    bytes r = take(8, 5000);
-    if (r.size() != 8) {
-        printf("[tool] <- no reply to frame %u (%s)\n", cmd, hex(r).c_str());
-        return -1;
-    }
-    uint8_t code = static_cast<uint8_t>(cmd | 0x80);
-    bool form = r[0] == 0x55 && r[1] == 0xAA && r[2] == 1 && r[3] == code && r[4] == 1 && r[5] == 0 &&
-                r[7] == static_cast<uint8_t>(0xFF ^ code ^ r[6]);
-    if (show || !form || r[6]) printf("[tool] <- reply %s: %s\n", hex(r).c_str(), !form ? "MALFORMED" : r[6] ? "status 1 (failure)" : "status 0");
-    return form ? r[6] : -1;
+    last_frame = cmd;
 }
 
-void put32(bytes& b, uint32_t v)
+// The reply frame to the last frame sent: its status, or -1.
+int reply_status()
 {
-    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    auto r = next_reply(bound_ms);
+    if (!r) return miss("expected a reply frame to frame " + std::to_string(last_frame) + ", " + nothing_within()), -1;
+    const bytes& b = *r;
+    auto code = static_cast<uint8_t>(last_frame | 0x80);
+    bool form = b.size() == 8 && b[0] == 0x55 && b[1] == 0xAA && b[2] == 1 && b[3] == code && b[4] == 1 && b[5] == 0 &&
+                b[6] < 2 && b[7] == static_cast<uint8_t>(0xFF ^ code ^ b[6]);
+    if (!form) return miss("expected a reply frame to frame " + std::to_string(last_frame) + ", got " + hex(b)), -1;
+    return b[6];
 }
 
-bool push(const std::string& path, std::string name, size_t chunk)
+int frame_exchange(uint8_t cmd, const bytes& data, bool show_it)
 {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) fail("cannot read " + path);
-    bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    send_frame(cmd, data, show_it);
+    return reply_status();
+}
+
+bytes le32(uint32_t v)
+{
+    return {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 24)};
+}
+
+bool push(const std::string& path, std::string name, size_t chunk, bool refusal)
+{
+    bool exists = false;
+    std::string text = read_file(path, exists);
+    if (!exists) return miss("cannot read " + path);
+    bytes file(text.begin(), text.end());
     if (name.empty()) name = path.substr(path.rfind('/') + 1);
-    if (chunk == 0 || chunk > 3063) fail("chunk must be 1 to 3063 bytes");
-    bytes start;
-    put32(start, static_cast<uint32_t>(file.size()));
+    bytes start = le32(static_cast<uint32_t>(file.size()));
     start.insert(start.end(), name.begin(), name.end());
     printf("[tool] pushing %s (%zu bytes) as \"%s\"\n", path.c_str(), file.size(), name.c_str());
-    if (frame_exchange(2, start, !quiet) != 0) return false;
+    int st = frame_exchange(2, start, !quiet);
     size_t chunks = 0;
-    for (size_t off = 0; off < file.size(); off += chunk) {
+    for (size_t off = 0; st == 0 && off < file.size(); off += chunk, ++chunks) {
         bytes data = {static_cast<uint8_t>(chunks), static_cast<uint8_t>(chunks >> 8)};
         size_t n = std::min(chunk, file.size() - off);
         data.insert(data.end(), file.begin() + static_cast<long>(off), file.begin() + static_cast<long>(off + n));
-        if (frame_exchange(1, data, false) != 0) return false;
-        ++chunks;
+        st = frame_exchange(1, data, false);
     }
-    bytes end;
-    put32(end, static_cast<uint32_t>(file.size()));
-    if (frame_exchange(3, end, !quiet) != 0) return false;
-    printf("[tool] pushed in %zu chunks, every reply status 0\n", chunks);
+    if (st == 0) {
+        st = frame_exchange(3, le32(static_cast<uint32_t>(file.size())), !quiet);
+    }
+    if (st < 0) return false;
+    if (refusal != (st > 0))
+        return miss(refusal ? "expected the transfer to be refused; every reply had status 0"
+                            : "the transfer was refused (a reply with status 1)");
+    printf(st ? "[tool] the transfer was refused, as expected\n" : "[tool] pushed in %zu chunks, every reply status 0\n", chunks);
     return true;
 }
 
-bool run(const std::string& line)
+std::string joined(const args& a, size_t from)
 {
-    std::vector<std::string> w = words(line);
-    if (w.empty() || w[0][0] == '#') return true;
-    const std::string op = w[0];
-    std::vector<std::string> args(w.begin() + 1, w.end());
+    std::string s;
+    for (size_t i = from; i < a.size(); ++i) s += (i > from ? " " : "") + a[i];
+    return s;
+}
 
-    if (op == "probe") {
-        auto deadline = steady::now() + std::chrono::milliseconds(args.empty() ? 10000 : number(args[0]));
-        printf("[tool] -> mon\n");
-        do {
-            inbox.clear();
-            write_all(std::string("mon"));
-            bytes got = take_until_quiet(500, 200, 2000);
-            if (!got.empty()) return expect_text(got, "MN>");
-        } while (ms_left(deadline) > 0);
-        printf("[tool] no answer to \"mon\"\n");
-        return false;
-    }
-    if (op == "tune" || op == "tune-bad") {
-        if (args.empty()) fail("tune needs a command word");
-        std::vector<std::string> fields(args.begin() + 1, args.end());
-        uint32_t k = tuning_checksum(fields);
-        if (op == "tune-bad") k ^= 1;
-        std::ostringstream text;
-        text << "dsp";
-        for (const auto& a : args) text << " " << a;
-        char ks[16];
-        snprintf(ks, sizeof ks, " %x", k);
-        return expect_text(send_line(text.str() + ks), op == "tune" ? std::string("[ok]", 5) : std::string("[fail]", 7));
-    }
-    if (op == "query") {
-        std::string text = "dsp";
-        for (const auto& a : args) text += " " + a;
-        return check_readback(send_line(text));
-    }
-    if (op == "line") {
-        std::string text = line.substr(line.find("line") + 5);
-        bytes got = send_line(text);
-        printf("[tool] <- \"%s\"\n", printable(got).c_str());
-        return true;
-    }
-    if (op == "push") {
-        if (args.empty()) fail("push needs a file");
-        return push(args[0], args.size() > 1 ? args[1] : "",
-                    args.size() > 2 ? static_cast<size_t>(number(args[2])) : 1024);
-    }
-    if (op == "frame") {
-        if (args.empty()) fail("frame needs a command");
-        bytes data;
-        for (size_t i = 1; i < args.size(); ++i) data.push_back(static_cast<uint8_t>(number(args[i])));
-        return frame_exchange(static_cast<uint8_t>(number(args[0])), data, true) >= 0;
-    }
-    if (op == "sleep") {
-        std::this_thread::sleep_for(std::chrono::milliseconds(number(args.empty() ? "0" : args[0])));
-        return true;
-    }
-    fail("unknown command: " + op);
+std::vector<verb> tool_verbs()
+{
+    auto tune = [](bool bad) {
+        return [bad](const args& a) -> action {
+            std::vector<std::string> fields(a.w.begin() + 1, a.w.end());
+            for (const auto& f : fields) {
+                char* end = nullptr;
+                strtod(f.c_str(), &end);
+                if (f.empty() || *end) throw usage_error("not a number: " + f + " (a wrong field goes out with line)");
+            }
+            char k[16];
+            snprintf(k, sizeof k, " %x", tuning_checksum(fields) ^ (bad ? 1 : 0));
+            std::string line = "dsp " + joined(a, 0) + k + "\r\n";
+            return [line, bad] {
+                send_text(line);
+                return expect_reply(bad ? std::string("[fail]", 7) : std::string("[ok]", 5), "reply");
+            };
+        };
+    };
+    return {
+        {"probe", "[MS]              \"mon\" every half second until \"MN>\" comes (default: the bound)", 0, 1,
+         [](const args& a) -> action {
+             long ms = a.size() ? a.num(0, 1, 3600000, "probe") : -1;
+             return [ms] { return probe(ms < 0 ? bound_ms : static_cast<int>(ms)); };
+         }},
+        {"tune", "WORD FIELD...      a tuning line \"dsp WORD FIELD... K\", K computed; expects \"[ok]\"", 1, SIZE_MAX, tune(false)},
+        {"tune-bad", "WORD FIELD...  the same with a wrong K; expects \"[fail]\"", 1, SIZE_MAX, tune(true)},
+        {"query", "WORD [ARG...]     a read-back query \"dsp WORD ARG...\"; checks the reply's length and\n"
+                  "                        sum; no answer within the bound is reported and the script goes on\n"
+                  "                        (unless --stop-on-miss, or after the step strict)",
+         1, SIZE_MAX, [](const args& a) -> action { return [line = "dsp " + joined(a, 0)] { return query(line); }; }},
+        {"strict", "                   from here on a read-back query without an answer fails", 0, 0,
+         [](const args&) -> action {
+             return [] { return stop_on_miss = true; };
+         }},
+        {"line", "TEXT...            the words joined by blanks, CR LF added, in one write", 1, SIZE_MAX,
+         [](const args& a) -> action { return [t = joined(a, 0) + "\r\n"] { return send_text(t), true; }; }},
+        {"push", "FILE [NAME] [CHUNK] [fail]  FILE as configuration NAME (default: its file name;\n"
+                 "                        \"cfg.bin\" is the main one) in chunks of CHUNK bytes (1..3063, default\n"
+                 "                        1024), every reply checked; fail: a reply must refuse it",
+         1, 4, [](const args& a) -> action {
+             auto chunk = static_cast<size_t>(a.size() > 2 ? a.num(2, 1, 3063, "chunk") : 1024);
+             if (a.size() > 3 && a[3] != "fail") throw usage_error("push ends with fail or nothing, not " + a[3]);
+             return [=, path = a[0], name = a.size() > 1 ? a[1] : std::string(), refusal = a.size() > 3] {
+                 return push(path, name, chunk, refusal);
+             };
+         }},
+        {"frame", "CMD [BYTE|\"TEXT\"|@FILE...]  a tool frame (1 SEND_DATA, 2 START_SEND_DATA,\n"
+                  "                        3 END_SEND_DATA); its reply is left for expect status or reply",
+         1, SIZE_MAX, [](const args& a) -> action {
+             auto cmd = static_cast<uint8_t>(a.num(0, 0, 255, "command"));
+             return [=, get = byte_list(a, 1)] {
+                 bytes data = get();
+                 if (data.size() > 65535) return miss("a frame holds at most 65535 data bytes");
+                 send_frame(cmd, data, true);
+                 return true;
+             };
+         }},
+        {"badframe", "CMD [BYTE|\"TEXT\"|@FILE...]  the same with a wrong checksum", 1, SIZE_MAX,
+         [](const args& a) -> action {
+             auto cmd = static_cast<uint8_t>(a.num(0, 0, 255, "command"));
+             return [=, get = byte_list(a, 1)] {
+                 bytes data = get();
+                 if (data.size() > 65535) return miss("a frame holds at most 65535 data bytes");
+                 send_frame(cmd, data, true, true);
+                 return true;
+             };
+         }},
+        {"expect status", "N               the next reply is the reply frame to the last frame sent, status N", 1, 1,
+         [](const args& a) -> action {
+             return [n = a.num(0, 0, 1, "status")] {
+                 int st = reply_status();
+                 return st < 0 ? false : st == n ? true : miss("expected status " + std::to_string(n) + ", got " + std::to_string(st));
+             };
+         }},
+        {"expect reply", "TEXT             the next reply from the daemon is exactly TEXT, e.g. \"[ok]\\0\"", 1, 1,
+         [](const args& a) -> action { return [want = a[0]] { return expect_reply(want, "reply"); }; }},
+    };
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    return run_main(argc, argv, "[tool]",
-                    "Usage: tool_sim (--port DEV | --pty FILE) [--quiet] [-f SCRIPT] [COMMAND]...\n"
-                    "See the head of tools/tool_sim.cpp for the commands.",
-                    quiet, run);
+    tag = "[tool]";
+    static const std::string more = R"(
+Options:
+  --port DEV        a terminal (a board's port); line settings as the daemon's:
+  -b RATE -P odd|even|mark|space -B (two stop bits) -c (RTS/CTS); default 115200 8N1
+  --pty FILE        make a pseudo-terminal, write its slave's path to FILE
+  -f SCRIPT         steps from SCRIPT ('-': standard input); '#' starts a comment,
+                    lines starting with '@' are for the test runner
+  --log FILE --dsp-log FILE --dsp-rules FILE --calls FILE --exit FILE
+                    the daemon's log, the DSP stand-in's report and rules, the
+                    stand-in log, the daemon's exit status; without one, the steps
+                    that need it are reported skipped and pass
+  --stop-on-miss    a read-back query without an answer fails the run
+  -q, --quiet       fewer lines;  --version;  -h, --help
+  --decode ...      decode captured traffic (see below)
+Words are separated by blanks; "..." is one word; \n \r \t \\ \" \0 \xHH escape.
+Numbers are decimal or 0x hex. The whole script is checked before anything is
+sent. Without steps and with a terminal on standard input: interactive.
+The daemon takes one read as one input, so each step waits for its answer
+where there is one; after line or send, use expect reply or expect log.
+Exit status: 0; 1 at the first failed step; 2 for a bad command line or script
+(nothing sent) or a port that cannot be set up.
+)" + decode_help("tool_sim", "tool") + R"(
+Examples:
+  tool_sim --port /dev/ttyUSB0 probe "tune vol 3 -2.5" "query s4_prf"
+  tool_sim --pty /tmp/pty -f tuning.tool
+  tool_sim --decode --tool from_tool.bin --daemon from_daemon.bin)";
+    program p{"tool_sim",
+              "Usage: tool_sim (--port DEV | --pty FILE) [OPTION]... [-f SCRIPT] [STEP]...\n"
+              "       tool_sim --decode [--hex] [--time] [--tool SOURCE] [--daemon SOURCE]\n"
+              "Plays the DSP tuning tool on the tool link of tty_hub.",
+              more.c_str(), tool_verbs(), show,
+              [](const std::string& a, const std::function<std::string()>&) { return a == "--stop-on-miss" && (stop_on_miss = true); }};
+    decoder d{"tool", first_piece, piece_text, [](const uint8_t* b, size_t n) { return starts(b, n, "\x55\xAA"); }};
+    if (argc > 1 && std::string(argv[1]) == "--decode") return run_decode(argc, argv, d);
+    return run_main(argc, argv, p);
 }

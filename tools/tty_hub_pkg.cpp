@@ -204,8 +204,8 @@ void put_be32(uint8_t* p, uint32_t v)
 
 uint32_t crc_of(int fd, const std::string& path, uint64_t pos)
 {
-    uint32_t table[256];
-    ota_crc_build_table(table);
+    uint32_t table[256], lanes[8][256];
+    ota_crc_build_table(table, lanes);
     uint32_t value = 0;
     uint8_t block[BLOCK];
     for (;;) {
@@ -213,7 +213,7 @@ uint32_t crc_of(int fd, const std::string& path, uint64_t pos)
         if (r < 0 && errno == EINTR) continue;
         if (r < 0) fail(path, std::string("read back failed: ") + strerror(errno));
         if (r == 0) return value;
-        value = ota_crc_update(table, value, block, static_cast<size_t>(r));
+        value = ota_crc_update(table, lanes, value, block, static_cast<size_t>(r));
         pos += static_cast<uint64_t>(r);
     }
 }

@@ -1,47 +1,122 @@
 #include "update/md5.h"
 
-#include <array>
+#include <bit>
 #include <cstring>
+
+#include "core/byte_order.h"
 
 namespace {
 
-constexpr std::array<uint32_t, 64> sine_table = {
-    0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
-    0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
-    0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
-    0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed, 0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a,
-    0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70,
-    0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665,
-    0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
-    0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391,
-};
+// One step of each round, written out so that the compiler sees every
+// constant and shift as a literal. The sum of message word and constant, and
+// any part of the round function that does not need b (the newest value),
+// come first: they run beside the chain of the previous step.
+inline void step_f(uint32_t& a, uint32_t b, uint32_t c, uint32_t d, uint32_t x, uint32_t k, int s)
+{
+    a += x + k;
+    a += d ^ (b & (c ^ d));
+    a = std::rotl(a, s) + b;
+}
 
-constexpr std::array<unsigned, 16> shifts = {7, 12, 17, 22, 5, 9, 14, 20, 4, 11, 16, 23, 6, 10, 15, 21};
+// (b AND d) OR (c AND NOT d): the two terms have no bit in common, so they
+// can be added one by one, the one without b first.
+inline void step_g(uint32_t& a, uint32_t b, uint32_t c, uint32_t d, uint32_t x, uint32_t k, int s)
+{
+    a += x + k;
+    a += c & ~d;
+    a += b & d;
+    a = std::rotl(a, s) + b;
+}
 
-constexpr uint32_t rotl(uint32_t x, unsigned n) { return (x << n) | (x >> (32 - n)); }
+inline void step_h(uint32_t& a, uint32_t b, uint32_t c, uint32_t d, uint32_t x, uint32_t k, int s)
+{
+    a += x + k;
+    a += (c ^ d) ^ b;
+    a = std::rotl(a, s) + b;
+}
 
+inline void step_i(uint32_t& a, uint32_t b, uint32_t c, uint32_t d, uint32_t x, uint32_t k, int s)
+{
+    a += x + k;
+    a += c ^ (b | ~d);
+    a = std::rotl(a, s) + b;
+}
+
+// The words are read in place from the caller's bytes; get_le32 compiles to
+// a plain load where the byte order allows.
 void md5_transform(uint32_t state[4], const uint8_t* in)
 {
-    uint32_t x[16];
-    for (int i = 0; i < 16; ++i)
-        x[i] = uint32_t(in[4 * i]) | uint32_t(in[4 * i + 1]) << 8 | uint32_t(in[4 * i + 2]) << 16 |
-               uint32_t(in[4 * i + 3]) << 24;
+    auto x = [in](int i) { return get_le32(in + 4 * i); };
     uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
-    for (unsigned i = 0; i < 64; ++i) {
-        uint32_t f;
-        unsigned g;
-        switch (i / 16) {
-        case 0: f = (b & c) | (~b & d); g = i; break;
-        case 1: f = (d & b) | (~d & c); g = (5 * i + 1) % 16; break;
-        case 2: f = b ^ c ^ d; g = (3 * i + 5) % 16; break;
-        default: f = c ^ (b | ~d); g = (7 * i) % 16; break;
-        }
-        uint32_t t = d;
-        d = c;
-        c = b;
-        b = b + rotl(a + f + sine_table[i] + x[g], shifts[(i / 16) * 4 + i % 4]);
-        a = t;
-    }
+
+    step_f(a, b, c, d, x(0), 0xd76aa478, 7);
+    step_f(d, a, b, c, x(1), 0xe8c7b756, 12);
+    step_f(c, d, a, b, x(2), 0x242070db, 17);
+    step_f(b, c, d, a, x(3), 0xc1bdceee, 22);
+    step_f(a, b, c, d, x(4), 0xf57c0faf, 7);
+    step_f(d, a, b, c, x(5), 0x4787c62a, 12);
+    step_f(c, d, a, b, x(6), 0xa8304613, 17);
+    step_f(b, c, d, a, x(7), 0xfd469501, 22);
+    step_f(a, b, c, d, x(8), 0x698098d8, 7);
+    step_f(d, a, b, c, x(9), 0x8b44f7af, 12);
+    step_f(c, d, a, b, x(10), 0xffff5bb1, 17);
+    step_f(b, c, d, a, x(11), 0x895cd7be, 22);
+    step_f(a, b, c, d, x(12), 0x6b901122, 7);
+    step_f(d, a, b, c, x(13), 0xfd987193, 12);
+    step_f(c, d, a, b, x(14), 0xa679438e, 17);
+    step_f(b, c, d, a, x(15), 0x49b40821, 22);
+
+    step_g(a, b, c, d, x(1), 0xf61e2562, 5);
+    step_g(d, a, b, c, x(6), 0xc040b340, 9);
+    step_g(c, d, a, b, x(11), 0x265e5a51, 14);
+    step_g(b, c, d, a, x(0), 0xe9b6c7aa, 20);
+    step_g(a, b, c, d, x(5), 0xd62f105d, 5);
+    step_g(d, a, b, c, x(10), 0x02441453, 9);
+    step_g(c, d, a, b, x(15), 0xd8a1e681, 14);
+    step_g(b, c, d, a, x(4), 0xe7d3fbc8, 20);
+    step_g(a, b, c, d, x(9), 0x21e1cde6, 5);
+    step_g(d, a, b, c, x(14), 0xc33707d6, 9);
+    step_g(c, d, a, b, x(3), 0xf4d50d87, 14);
+    step_g(b, c, d, a, x(8), 0x455a14ed, 20);
+    step_g(a, b, c, d, x(13), 0xa9e3e905, 5);
+    step_g(d, a, b, c, x(2), 0xfcefa3f8, 9);
+    step_g(c, d, a, b, x(7), 0x676f02d9, 14);
+    step_g(b, c, d, a, x(12), 0x8d2a4c8a, 20);
+
+    step_h(a, b, c, d, x(5), 0xfffa3942, 4);
+    step_h(d, a, b, c, x(8), 0x8771f681, 11);
+    step_h(c, d, a, b, x(11), 0x6d9d6122, 16);
+    step_h(b, c, d, a, x(14), 0xfde5380c, 23);
+    step_h(a, b, c, d, x(1), 0xa4beea44, 4);
+    step_h(d, a, b, c, x(4), 0x4bdecfa9, 11);
+    step_h(c, d, a, b, x(7), 0xf6bb4b60, 16);
+    step_h(b, c, d, a, x(10), 0xbebfbc70, 23);
+    step_h(a, b, c, d, x(13), 0x289b7ec6, 4);
+    step_h(d, a, b, c, x(0), 0xeaa127fa, 11);
+    step_h(c, d, a, b, x(3), 0xd4ef3085, 16);
+    step_h(b, c, d, a, x(6), 0x04881d05, 23);
+    step_h(a, b, c, d, x(9), 0xd9d4d039, 4);
+    step_h(d, a, b, c, x(12), 0xe6db99e5, 11);
+    step_h(c, d, a, b, x(15), 0x1fa27cf8, 16);
+    step_h(b, c, d, a, x(2), 0xc4ac5665, 23);
+
+    step_i(a, b, c, d, x(0), 0xf4292244, 6);
+    step_i(d, a, b, c, x(7), 0x432aff97, 10);
+    step_i(c, d, a, b, x(14), 0xab9423a7, 15);
+    step_i(b, c, d, a, x(5), 0xfc93a039, 21);
+    step_i(a, b, c, d, x(12), 0x655b59c3, 6);
+    step_i(d, a, b, c, x(3), 0x8f0ccc92, 10);
+    step_i(c, d, a, b, x(10), 0xffeff47d, 15);
+    step_i(b, c, d, a, x(1), 0x85845dd1, 21);
+    step_i(a, b, c, d, x(8), 0x6fa87e4f, 6);
+    step_i(d, a, b, c, x(15), 0xfe2ce6e0, 10);
+    step_i(c, d, a, b, x(6), 0xa3014314, 15);
+    step_i(b, c, d, a, x(13), 0x4e0811a1, 21);
+    step_i(a, b, c, d, x(4), 0xf7537e82, 6);
+    step_i(d, a, b, c, x(11), 0xbd3af235, 10);
+    step_i(c, d, a, b, x(2), 0x2ad7d2bb, 15);
+    step_i(b, c, d, a, x(9), 0xeb86d391, 21);
+
     state[0] += a;
     state[1] += b;
     state[2] += c;

@@ -43,6 +43,7 @@ struct ota_info_t {
     uint32_t s8137_offset;  // 0: header not read yet
     uint32_t s8137_length;
     uint32_t crc_table[256];
+    uint32_t crc_lanes[8][256];  // slicing tables built from crc_table, with it
 };
 
 extern ota_info_t ota_info;
@@ -51,9 +52,11 @@ int ota_read_header();
 long send_ota_state(int state);
 
 // CRC-32 in complemented form: the running value starts at 0 and the last
-// value is the published CRC-32, with no final step.
-void ota_crc_build_table(uint32_t table[256]);
-uint32_t ota_crc_update(const uint32_t table[256], uint32_t value, const uint8_t* data, size_t len);
+// value is the published CRC-32, with no final step. The byte table's entry 0
+// is never 0.
+void ota_crc_build_table(uint32_t table[256], uint32_t lanes[8][256]);
+uint32_t ota_crc_update(const uint32_t table[256], const uint32_t lanes[8][256], uint32_t value, const uint8_t* data,
+                        size_t len);
 
 void* ota_receive_thread(void*);
 void ota_start_listener();

@@ -73,24 +73,3 @@ long send_ota_state(int state)
     }
     return mcu_send(MCU_RPT_OTA, payload, sizeof payload);
 }
-
-void ota_crc_build_table(uint32_t table[256])
-{
-    // The usual reflected table with the test of the shifted-out bit turned
-    // round and the top byte complemented: it carries the value complemented.
-    for (uint32_t i = 0; i < 256; ++i) {
-        uint32_t v = i;
-        for (int step = 0; step < 8; ++step) {
-            bool out = v & 1;
-            v >>= 1;
-            if (!out) v ^= 0xEDB88320u;
-        }
-        table[i] = v ^ 0xFF000000u;
-    }
-}
-
-uint32_t ota_crc_update(const uint32_t table[256], uint32_t value, const uint8_t* data, size_t len)
-{
-    for (size_t i = 0; i < len; ++i) value = table[(value ^ data[i]) & 0xFF] ^ (value >> 8);
-    return value;
-}

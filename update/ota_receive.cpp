@@ -69,8 +69,8 @@ int file_crc(int fd, uint8_t* buf, uint32_t& field, uint32_t& crc, bool cancella
         }
         if (r == 0) break;
         // Built once, when a package with data has come; entry 0 is never 0.
-        if (ota_info.crc_table[0] == 0) ota_crc_build_table(ota_info.crc_table);
-        crc = ota_crc_update(ota_info.crc_table, crc, buf, static_cast<size_t>(r));
+        if (ota_info.crc_table[0] == 0) ota_crc_build_table(ota_info.crc_table, ota_info.crc_lanes);
+        crc = ota_crc_update(ota_info.crc_table, ota_info.crc_lanes, crc, buf, static_cast<size_t>(r));
         if (r < static_cast<ssize_t>(OTA_BLOCK)) break;
     }
     return 0;

@@ -24,10 +24,10 @@ class DspCmd : public testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_GE(mcu_state.dsp_queue_id = msgget(IPC_PRIVATE, IPC_CREAT | 0600), 0);
-        service = std::thread([this, q = mcu_state.dsp_queue_id] {
-            static dsp_message m;
-            for (ssize_t n; (n = msgrcv(q, &m, sizeof m.text, DSP_REQUEST_TYPE, 0)) >= 0;) {
+        ASSERT_GE(mcu_state.dsp_queue_id = queue = msgget(IPC_PRIVATE, IPC_CREAT | 0600), 0);
+        service = std::thread([this] {
+            static struct { long type; char text[8192]; } m;
+            for (ssize_t n; (n = msgrcv(queue, &m, sizeof m.text, DSP_REQUEST_TYPE, 0)) >= 0;) {
                 std::string reply;
                 {
                     std::lock_guard<std::mutex> g(lock);
@@ -37,14 +37,14 @@ protected:
                 if (reply == "<gone>") break;
                 m.type = DSP_RESPONSE_TYPE;
                 memcpy(m.text, reply.c_str(), reply.size() + 1);
-                msgsnd(q, &m, reply.size() + 1, 0);
+                msgsnd(queue, &m, reply.size() + 1, 0);
             }
-            msgctl(q, IPC_RMID, nullptr);
+            msgctl(queue, IPC_RMID, nullptr);
         });
     }
     void TearDown() override
     {
-        msgctl(mcu_state.dsp_queue_id, IPC_RMID, nullptr);
+        msgctl(queue, IPC_RMID, nullptr);
         service.join();
     }
     void answer_with(std::function<std::string(const char*)> f)
@@ -70,6 +70,7 @@ protected:
         return s;
     }
 
+    int queue = -1;
     std::thread service;
     std::mutex lock;
     std::string requests;
@@ -106,12 +107,22 @@ TEST_F(DspCmd, RequestTextAndCallbacks)
 
 TEST_F(DspCmd, QueueFailuresReleaseTheLock)
 {
-    answer_with([](const char*) { return "<gone>"; });  // the queue goes while the reply is awaited
+    // A reply that does not fit fails its command only: it leaves the queue.
+    const std::pair<std::string, std::string> replies[] = {
+        {std::string(3071, 'x'), "[MCU IF] command failed\n"},
+        {std::string(3072, 'x'), "[MCU IF] receive dsp command response failed\n"}, {"[ok]", ""},
+        {"<gone>", "[MCU IF] receive dsp command response failed\n"},  // removed while the reply is awaited
+    };
+    for (const auto& [reply, log] : replies) {
+        answer_with([&](const char*) { return reply; });
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(dsp_cmd(dsp_reply_ok, "dsp vol 0 0\n"), reply == "[ok]" ? 0 : -1);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), log);
+    }
+    mcu_state.dsp_queue_id = queue;  // the id of the removed queue, rather than a lookup of the real key
     testing::internal::CaptureStdout();
-    EXPECT_EQ(dsp_cmd(nullptr, "dsp vmb_Get_AudioInfo\n"), -1);
-    EXPECT_EQ(dsp_cmd(dsp_reply_ok, "dsp vol 0 0\n"), -1);  // and is not there for the next
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[MCU IF] receive dsp command response failed\n[MCU IF] send dsp command failed\n");
+    EXPECT_EQ(dsp_cmd(dsp_reply_ok, "dsp vol 0 0\n"), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[MCU IF] send dsp command failed\n");
     ASSERT_EQ(pthread_mutex_trylock(&mcu_state.dsp_lock), 0);
     pthread_mutex_unlock(&mcu_state.dsp_lock);
 }

@@ -1,5 +1,4 @@
 // MCU frame layer: pack, receive and parse against a table of test handlers.
-#include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -99,12 +98,10 @@ TEST(McuFrame, ReceiveFromThePort)
     serial_fd = -1;  // a failing read in the hunt
     EXPECT_EQ(receive({}), std::pair(bytes{}, error));
 
-    // A read of no byte goes on hunting: a canonical terminal reads 0 for its EOF character.
-    int master = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
-    serial_fd = open(ptsname(master), O_RDWR | O_NOCTTY);
-    ASSERT_EQ(write(master, "\x04\xFF\x02\n", 4), 4);
-    EXPECT_EQ(receive({}).first, (bytes{0xFF, 0x02, 0x0A}));
-    for (int fd : {master, serial_fd, fds[0], fds[1]}) close(fd);
+    // No byte at all: the peer hung up, and the process ends instead of spinning.
+    close(fds[1]);
+    serial_fd = fds[0];
+    EXPECT_EXIT(mcu_recv(), testing::ExitedWithCode(1), "");
+    close(fds[0]);
     serial_fd = saved;
 }
