@@ -31,7 +31,7 @@
 #include <zlib.h>
 
 #include "bench/bench_util.h"
-#include "tests/e2e/harness.h"
+#include "bench/harness.h"
 #include "update/md5.h"
 #include "update/ota.h"
 

@@ -19,8 +19,10 @@
 # Inside: usr is an overlay whose top layer (ROOT/.sb/usr) holds the stand-ins
 # over the host's /usr; bin, sbin, lib* point into usr as on the host; etc is
 # the host's /etc read-only; proc is fresh. ROOT/dev is a plain host directory
-# with null, zero, random, urandom, tty, ptmx and pts bound from the host, so
-# a test can create further device stand-ins (a FIFO, a file) from outside.
+# with null, zero, random, urandom, tty and pts bound from the host, and ptmx
+# a link to pts/ptmx (a bound ptmx cannot find its pts), so that a simulator
+# inside can make its pseudo-terminal; a test can create further device
+# stand-ins (a FIFO, a file) from outside.
 # Mounts are private to the namespace: on the host ROOT holds only plain files.
 set -euo pipefail
 
@@ -88,7 +90,8 @@ populate() {
     for line in P5_02 P5_03 P6_00; do
         for f in direction value; do [ -e "$gpio/$line/$f" ] || : >"$gpio/$line/$f"; done
     done
-    for n in null zero random urandom tty ptmx; do [ -e "$root/dev/$n" ] || : >"$root/dev/$n"; done
+    for n in null zero random urandom tty; do [ -e "$root/dev/$n" ] || : >"$root/dev/$n"; done
+    [ -e "$root/dev/ptmx" ] || ln -s pts/ptmx "$root/dev/ptmx"
     # The SPI slave device: a FIFO that nobody feeds is a device with no
     # package coming, so the OTA reception waits silently.
     [ -e "$root/dev/vmb_ota" ] || mkfifo "$root/dev/vmb_ota"
@@ -158,7 +161,7 @@ run_inside() {
     for d in bin sbin lib lib32 lib64 libx32; do
         if [ -d "/$d" ] && [ ! -L "/$d" ]; then bind_ro "/$d" "$root/$d"; fi
     done
-    for n in null zero random urandom tty ptmx; do mount --bind "/dev/$n" "$root/dev/$n"; done
+    for n in null zero random urandom tty; do mount --bind "/dev/$n" "$root/dev/$n"; done
     mount --bind /dev/pts "$root/dev/pts"
     local t dev name
     for t in "${ttys[@]}"; do

@@ -3,7 +3,7 @@
 // The default run sends 50 000 frames; the soak proper is a million
 // (about 15 s on an idle machine):
 //
-//   TTY_HUB_SOAK=1 ./build/tests/e2e_tests --gtest_filter='Soak.*'
+//   TTY_HUB_SOAK=1 ./build/bench/bench_soak
 //   TTY_HUB_SOAK=200000 ...      # another number of frames
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "tests/e2e/harness.h"
+#include "bench/harness.h"
 
 using e2e::bytes;
 

@@ -1,4 +1,4 @@
-#include "tests/e2e/harness.h"
+#include "bench/harness.h"
 #include "tools/dsp_rules.h"
 
 #include <algorithm>
@@ -314,17 +314,13 @@ void Sandbox::dsp_start_delay_ms(long ms) { dsp_delay_ms_ = ms; }
 
 std::vector<std::string> Sandbox::dsp_raw_commands() const
 {
-    // netstrings "<len>:<bytes>," as dsp_sim writes them
-    std::string log = slurp(root_ + "/.sb/dsp.log");
+    // One escaped line per request, as dsp_sim logs them; a request that did
+    // not end in exactly one NUL stands behind "[raw]" with all its bytes.
+    std::istringstream log(slurp(root_ + "/.sb/dsp.log"));
     std::vector<std::string> out;
-    size_t pos = 0;
-    while (pos < log.size()) {
-        size_t colon = log.find(':', pos);
-        if (colon == std::string::npos) break;
-        size_t len = std::stoul(log.substr(pos, colon - pos));
-        if (colon + 1 + len + 1 > log.size()) break;  // still being written
-        out.push_back(log.substr(colon + 1, len));
-        pos = colon + 1 + len + 1;
+    for (std::string line; std::getline(log, line);) {
+        if (line.rfind("[raw]", 0) == 0) out.push_back(dsp_rules::unescape(line.substr(5)));
+        else out.push_back(dsp_rules::unescape(line) + '\0');
     }
     return out;
 }

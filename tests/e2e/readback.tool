@@ -1,0 +1,42 @@
+# Read-back queries: the forms of each family, the reply line with its
+# length and sum, unknown forms, and a reply too long for the line.
+@rule reply|dsp s4_|F
+@rule reply|dsp s4_prf|abc
+@rule reply|dsp s4_mode|
+@setup printf 'reply\tdsp s4_mcd\t%s\n' "$(head -c 3060 /dev/zero | tr '\0' x)" >>/.sb/dsp.rules
+probe
+send "dsp s4_prf\r\n"
+expect reply "s4_prf 3 0x0194 abc"
+expect dsp "dsp s4_prf\r\n"
+send "dsp s4_mode x\n"
+expect reply "s4_mode 0 0x0000 "
+expect dsp "dsp s4_mode x\n"
+send "dsp s4_filter 5 6\n"
+expect reply "s4_filter 1 0x0046 F"
+expect dsp "dsp s4_filter 0\n"
+send "dsp s4_filter_2_3\n"
+expect reply "s4_filter_2_3 1 0x0046 F"
+expect dsp "dsp s4_filter 2 3\n"
+send "dsp s4_drc_077\n"
+expect reply "s4_drc_77 1 0x0046 F"
+expect dsp "dsp s4_drc 77\n"
+send "dsp s4_bm_+1_-2\r\n"
+expect reply "s4_bm_1_-2 1 0x0046 F"
+expect dsp "dsp s4_bm 1 -2\n"
+send "dsp s4_mmix_A\r\n"
+expect reply "s4_mmix_A 1 0x0046 F"
+expect dsp "dsp s4_mmix_A\r\n"
+send "dsp s4_prf\n"
+expect log "[DSPTOOL] unknown command: dsp s4_prf"
+send "dsp s4_drc_7\n"
+expect log "[DSPTOOL] unknown command: dsp s4_drc_7"
+send "dsp s4_bm_1\r\n"
+expect log "[DSPTOOL] unknown command dsp s4_bm_1\r"
+send "dsp s4_filter_-2147483648_-2147483648\r\n"
+expect log "[DSPTOOL] unknown command dsp s4_filter_-2147483648_-2147483648\r"
+send "dsp s4_mcd\r\n"
+expect log "too long for s4_mcd"
+expect dsp "dsp s4_mcd\r\n"
+send "dsp s4_prf x\n"
+expect reply "s4_prf 3 0x0194 abc"
+expect dsp "dsp s4_prf x\n"

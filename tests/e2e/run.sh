@@ -1,0 +1,94 @@
+#!/bin/bash
+# run.sh BUILD_DIR SCENARIO: one end-to-end case. The real tty_hub runs in a
+# private sandbox (mount, IPC and PID namespaces, chrooted) against dsp_sim on
+# a real queue and the link's simulator on a pseudo-terminal bound at the port;
+# the simulator plays the scenario's steps and its exit status is the verdict.
+# Lines starting with @ are for this runner (see the README); the rest are steps.
+set -uo pipefail
+[ $# -eq 2 ] || { echo "usage: run.sh BUILD_DIR SCENARIO" >&2; exit 2; }
+bin=$(realpath "$1")
+scenario=$(realpath "$2")
+data=$(dirname "$scenario")
+sandbox=$(dirname "$0")/../../tools/sandbox.sh
+name=$(basename "$scenario")
+case ${name##*.} in
+mcu) port=ttyS1 sim=mcu_sim ;;
+tool) port=ttyS2 sim=tool_sim ;;
+*) echo "$name: a scenario ends in .mcu or .tool" >&2; exit 2 ;;
+esac
+root=$bin/e2e-sandboxes/$name
+rm -rf "$root"
+mkdir -p "$root/.sb"
+bash "$sandbox" populate "$root" || exit 2
+: >"$root/dev/$port"
+
+: >"$root/.sb/dsp.rules"
+args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=()
+: >"$root/.sb/steps"
+while IFS= read -r line || [ -n "$line" ]; do
+    read -ra w <<<"${line#@}"
+    case $line in
+    @args\ *) args+=("${w[@]:1}") ;;
+    @exact*) args=("${w[@]:1}") ;;
+    "@dsp none") use_dsp=0 ;;
+    "@dsp delay "*) dsp=(--create-delay-ms "${w[2]}") ;;
+    "@dsp model") dsp+=(--model) ;;
+    @tmpfs\ *) run+=(--tmpfs "${w[1]}:${w[2]}") ;;
+    @standin\ *) bash "$sandbox" standin "$root" "${w[1]}" "${w[2]:-0}" || exit 2 ;;
+    @setup\ *) setup+=("${line#@setup }") ;;
+    # @rule KIND|FIELD|...: a line of dsp_sim's rules file, TAB-separated.
+    @rule\ *) r=${line#@rule }; printf '%s\n' "${r//|/$'\t'}" >>"$root/.sb/dsp.rules" ;;
+    # @program PATH BODY: a stand-in program of the scenario's own making.
+    @program\ *)
+        p=${w[1]}
+        case $p in /usr/*) f=$root/.sb/usr/${p#/usr/} ;; /bin/* | /sbin/*) f=$root/.sb/usr${p} ;; *) f=$root$p ;; esac
+        mkdir -p "${f%/*}" && printf '#!/bin/sh\n%s\n' "${line#@program "$p" }" >"$f" && chmod 755 "$f" ;;
+    @*) echo "$name: unknown runner line: $line" >&2; exit 2 ;;
+    *) printf '%s\n' "$line" >>"$root/.sb/steps" ;;
+    esac
+done <"$scenario"
+
+q() { printf '%q ' "$@"; }
+{
+    echo "cd / && export BIN=$(q "$bin") DATA=$(q "$data") && export PATH=\$BIN:\$BIN/tools:\$PATH"
+    echo ": >/.sb/stdout; : >/.sb/stderr; : >/.sb/dsp.log; set -e"
+    printf '%s\n' "${setup[@]}"
+    echo "set +e"
+    if [ $use_dsp -eq 1 ]; then
+        echo "$(q "$bin/tools/dsp_sim" --rules /.sb/dsp.rules --log /.sb/dsp.log "${dsp[@]}") >/.sb/dsp.out 2>&1 &"
+        # The daemon waits only 3 s for the queue: start it once the queue is there.
+        [ "${dsp[0]}" != --ready ] || echo 'n=0; until [ -e /.sb/dsp.ready ] || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
+    fi
+    echo "$sim --pty /.sb/pty --log /.sb/stdout --dsp-log /.sb/dsp.log --dsp-rules /.sb/dsp.rules \\"
+    echo "    --calls /.sb/standin.log --exit /.sb/exit -f /.sb/steps >/.sb/sim.out 2>&1 &"
+    echo 'sim=$!'
+    echo 'until [ -s /.sb/pty ] || ! kill -0 $sim 2>/dev/null; do sleep 0.01; done'
+    echo "if [ -s /.sb/pty ]; then mount --bind \"\$(cat /.sb/pty)\" /dev/$port"
+    echo "  ( $(q "$bin/tty_hub" "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
+    echo "fi"
+    echo 'wait $sim; echo $? >/.sb/sim.status'
+} >"$root/.sb/run.sh"
+
+bash "$sandbox" run --bind "$bin" --bind "$data" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
+status=$(cat "$root/.sb/sim.status" 2>/dev/null || echo "none (the sandbox failed)")
+verdict=0
+[ "$status" = 0 ] || verdict=1
+for f in stderr dsp.out sim.out; do
+    if grep -q -e Sanitizer -e 'runtime error:' "$root/.sb/$f" 2>/dev/null; then
+        echo "== sanitizer report in $f"
+        verdict=1
+    fi
+done
+if [ $verdict -ne 0 ]; then
+    echo "== $name: simulator exit status $status"
+    for f in sim.out stdout stderr dsp.out dsp.log standin.log sandbox.log; do
+        [ -s "$root/.sb/$f" ] && { echo "== $f (last 40 lines)"; tail -n 40 "$root/.sb/$f"; }
+    done
+fi
+# A mount visible here would mean the sandbox leaked into the host: leave it be.
+if grep -q " $root" /proc/self/mountinfo; then
+    echo "== mounts under $root are visible on the host; left in place"
+    exit 1
+fi
+[ -n "${E2E_KEEP:-}" ] || rm -rf "$root"
+exit $verdict
