@@ -174,7 +174,7 @@ void inspector::check_ota()
     if (size_ < OTA_MCU_SECTION) {
         wrong("MCU section", "the file ends at " + std::to_string(size_) + ", before the section at 2048");
     } else {
-        uint64_t end = length != 0 && offset > OTA_MCU_SECTION ? std::min<uint64_t>(offset, size_) : size_;
+        uint64_t end = length != 0 && offset >= OTA_MCU_SECTION ? std::min<uint64_t>(offset, size_) : size_;
         line("MCU section", "2048 to " + std::to_string(end) + " (" + std::to_string(end - OTA_MCU_SECTION) +
                                 " bytes before the next section or the end)");
     }
@@ -254,12 +254,17 @@ bool inspector::usb_table_at(uint64_t base)
 }
 
 // Looks for a kernel or rootfs record anywhere: a name with its 0 byte and
-// 32 hex characters behind. Consecutive record-like blocks before it are
-// taken as the table's start.
+// 32 hex characters behind. Records before it (a printable name and MD5
+// text, which may be wrong) are taken as the table's start.
 bool inspector::find_usb_base(uint32_t& base)
 {
     if (size_ < USB_TABLE + USB_RECORD) return false;
     auto record_like = [](const uint8_t* r) { return r[0] != 0 && memchr(r, 0, USB_NAME) && is_md5_text(r + USB_NAME); };
+    auto printable = [](const uint8_t* p, size_t n) { return std::all_of(p, p + n, [](uint8_t c) { return c > 0x20 && c < 0x7F; }); };
+    auto earlier_record = [&](const uint8_t* r) {
+        const void* end = memchr(r, 0, USB_NAME);
+        return r[0] != 0 && end && printable(r, static_cast<const uint8_t*>(end) - r) && printable(r + USB_NAME, USB_MD5_TEXT);
+    };
     constexpr size_t WINDOW = USB_NAME + USB_MD5_TEXT;
     uint8_t buf[BLOCK + WINDOW];
     size_t carry = 0;
@@ -275,7 +280,7 @@ bool inspector::find_usb_base(uint32_t& base)
             uint8_t prev[WINDOW];
             for (size_t back = 0; back < USB_RECORDS_MATCHED - 1 && rec >= USB_TABLE + USB_RECORD; ++back) {
                 get(rec - USB_RECORD, prev, sizeof prev);
-                if (!record_like(prev)) break;
+                if (!earlier_record(prev)) break;
                 rec -= USB_RECORD;
             }
             if (rec - USB_TABLE > UINT32_MAX) return false;

@@ -24,6 +24,7 @@
 # inside can make its pseudo-terminal; a test can create further device
 # stand-ins (a FIFO, a file) from outside.
 # Mounts are private to the namespace: on the host ROOT holds only plain files.
+
 set -euo pipefail
 
 die() { echo "sandbox.sh: $*" >&2; exit 2; }
@@ -187,7 +188,10 @@ run_inside() {
         "${keep[@]}" "$@"
 }
 
-[ $# -ge 1 ] || die "usage: sandbox.sh populate|standin|run ..."
+# The usage is the head of this file, from its second line to the first blank one.
+usage() { sed -n '2,/^$/s/^# \{0,1\}//p' "$0"; }
+
+[ $# -ge 1 ] || { usage >&2; exit 2; }
 mode=$1
 shift
 case "$mode" in
@@ -207,5 +211,7 @@ run)
     fi
     run_inside "$@"
     ;;
-*) die "unknown mode $mode" ;;
+-h | --help) usage ;;
+--version) echo "sandbox.sh (tty_hub) 1.0" ;;
+*) die "unknown mode $mode (sandbox.sh --help)" ;;
 esac

@@ -170,7 +170,8 @@ inline follower log_lines{&paths.log}, dsp_lines{&paths.dsp_log}, call_lines{&pa
 enum class verdict { match, skip, wrong };
 
 // Waits for the line that judge() takes; the first wrong one, or none, fails.
-inline bool expect_line(follower& f, const std::string& what, const std::function<verdict(const std::string&)>& judge)
+inline bool expect_line(follower& f, const std::string& what, const std::function<verdict(const std::string&)>& judge,
+                        bool escaped = false)
 {
     std::optional<std::string> wrong;
     bool found = false;
@@ -188,7 +189,7 @@ inline bool expect_line(follower& f, const std::string& what, const std::functio
         say("seen " + what);
         return true;
     }
-    if (wrong) return miss("expected " + what + ", got " + quote(*wrong));
+    if (wrong) return miss("expected " + what + ", got " + (escaped ? "\"" + *wrong + "\"" : quote(*wrong)));
     return miss("expected " + what + ", nothing within " + std::to_string(bound_ms) + " ms");
 }
 
@@ -216,7 +217,10 @@ inline bool run_shell(const std::string& command)
     }
     if (pid < 0) return miss(std::string("fork: ") + strerror(errno));
     int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) fill(10);
+    for (pid_t r; (r = waitpid(pid, &status, WNOHANG)) <= 0;) {
+        if (r < 0 && errno != EINTR) return miss(std::string("waitpid: ") + strerror(errno));
+        fill(10);
+    }
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
     return miss("sh " + quote(command) + " ended with status " +
                 std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
@@ -279,7 +283,7 @@ inline std::vector<verb> common_verbs()
                          for (const auto& p : ignored_dsp)
                              if (text.starts_with(p)) return verdict::skip;
                          return verdict::wrong;
-                     });
+                     }, true);
                      if (!ok) return false;
                  }
                  return true;
@@ -351,6 +355,15 @@ inline std::vector<verb> common_verbs()
                  bytes b = get();
                  printf("%s -> raw: %s\n", tag, b.size() > 64 ? (std::to_string(b.size()) + " bytes").c_str() : hex(b).c_str());
                  write_all(b);
+                 return true;
+             };
+         }},
+        {"hangup", "                 close the port, as a peer that goes away: the daemon's side hangs up", 0, 0,
+         [](const args&) -> action {
+             return [] {
+                 printf("%s -> hang-up\n", tag);
+                 if (port_fd >= 0) close(port_fd);
+                 port_fd = -1;
                  return true;
              };
          }},

@@ -44,8 +44,10 @@ while IFS= read -r line || [ -n "$line" ]; do
         case $p in /usr/*) f=$root/.sb/usr/${p#/usr/} ;; /bin/* | /sbin/*) f=$root/.sb/usr${p} ;; *) f=$root$p ;; esac
         mkdir -p "${f%/*}" && printf '#!/bin/sh\n%s\n' "${line#@program "$p" }" >"$f" && chmod 755 "$f" ;;
     @*) echo "$name: unknown runner line: $line" >&2; exit 2 ;;
-    *) printf '%s\n' "$line" >>"$root/.sb/steps" ;;
     esac
+    # The simulator reads the runner's lines as comments, so its line numbers are the file's.
+    [[ $line != @* ]] || line="#$line"
+    printf '%s\n' "$line" >>"$root/.sb/steps"
 done <"$scenario"
 
 q() { printf '%q ' "$@"; }
