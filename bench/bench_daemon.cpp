@@ -6,10 +6,12 @@
 // The DSP service is played in-process (a thread in the sandbox's IPC
 // namespace answers at once and timestamps each request), so the latency is
 // measured on one clock from the write of a frame to the request's arrival.
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -22,6 +24,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -273,6 +276,49 @@ void idle_and_rss()
                   "peak RSS of /bin/sleep", static_cast<double>(bench::baseline_hwm_kb()), "kB");
 }
 
+// The MCU goes away: the CPU the daemon uses from the hang-up of its port to
+// its exit, against one core over the same time; after the exit there is no
+// process left to use any.
+void hangup()
+{
+    daemon_run d;
+    // The service stand-in finds its namespace through the daemon: it goes
+    // first, while the daemon idles.
+    d.dsp.reset();
+    // CPU of each thread (schedstat) at its last reading: threads vanish one
+    // by one as the process ends.
+    std::map<std::string, long long> cpu;
+    auto sample = [&] {
+        std::string task = "/proc/" + std::to_string(d.pid) + "/task/";
+        if (DIR* dir = opendir(task.c_str())) {
+            while (const dirent* e = readdir(dir)) {
+                long long ns = 0;
+                if (e->d_name[0] != '.' && std::ifstream(task + e->d_name + "/schedstat") >> ns)
+                    cpu[e->d_name] = std::max(cpu[e->d_name], ns);
+            }
+            closedir(dir);
+        }
+        long long sum = 0;
+        for (const auto& [tid, ns] : cpu) sum += ns;
+        return sum;
+    };
+    long long before = sample(), last = before;
+    // The master's last descriptor goes, so the daemon's side hangs up; the
+    // number stays open (on /dev/null) for the sandbox to close.
+    int null = open("/dev/null", O_RDWR);
+    auto t0 = clk::now();
+    dup2(null, d.sb.master_fd());
+    close(null);
+    while (kill(d.pid, 0) == 0 && us_since(t0) < 10e6) {
+        last = sample();
+        usleep(1000);
+    }
+    double gone_ms = us_since(t0) / 1000;
+    if (kill(d.pid, 0) == 0) throw std::runtime_error("the daemon outlived its port by 10 s");
+    bench::report("hung-up port: CPU ms from the hang-up to the exit", (last - before) / 1e6, "ms",
+                  "one core over that time", gone_ms, "ms");
+}
+
 std::string pattern(size_t n, unsigned seed)
 {
     std::string s(n, '\0');
@@ -413,6 +459,7 @@ int main(int argc, char** argv)
             latency();
             throughput();
             idle_and_rss();
+            hangup();
         }
         digests(dir);
         if (!only_digests) {

@@ -377,6 +377,15 @@ inline std::vector<verb> common_verbs()
                  return true;
              };
          }},
+        {"hangup", "                 close the port, as a peer that goes away: the daemon's side hangs up", 0, 0,
+         [](const args&) -> action {
+             return [] {
+                 printf("%s -> hang-up\n", tag);
+                 if (port_fd >= 0) close(port_fd);
+                 port_fd = -1;
+                 return true;
+             };
+         }},
         {"capture", "SENT RECEIVED   from here on copy the bytes sent and received to these files\n"
                     "                        (for --decode)",
          2, 2, [](const args& a) -> action {

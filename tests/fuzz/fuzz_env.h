@@ -1,57 +1,49 @@
-// What the fuzz targets share: a private root for the daemon's absolute
-// paths, the DSP service's queue with an in-process responder, the port as a
-// socketpair, and `system` replaced (the targets link with --wrap=system).
+// What the fuzz targets share. run.sh runs each inside tools/sandbox.sh, so
+// the daemon's absolute paths and the DSP service's queue are private to it.
 #pragma once
-#include <cstddef>
 #include <cstdint>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <filesystem>
+#include <fstream>
+#include <span>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "core/serial.h"
 
 namespace fuzz {
+using bytes = std::span<const uint8_t>;
 
-// Once per process, before anything touches a file: private mount and IPC
-// namespaces (needs root) and a chroot in which /tmp, /sdk, /user, /mnt and
-// /sys/class/gpio are fresh tmpfs directories and every other top-level
-// directory is the host's, bound read-only at its own path. The working
-// directory is bound writable at its own path, wherever it lies, so that
-// libFuzzer's corpus and artifacts work when given relative to it.
-// Then creates the DSP queue at the daemon's key and starts the responder.
-void setup();
+// A stand-in of the DSP service on the daemon's queue; the port as one end
+// of a socketpair whose output a thread drains; both links registered and
+// `link` (0: none) selected, and initialised when `init`. Returns the
+// port's other end, to write input into.
+int start(int link = 0, bool init = false);
 
-// setup(), open_port(), and the link protocol `id` registered, selected and
-// (if init) initialised. Returns the port's other end.
-int start_link(int id, bool init = true);
+// Takes a reply script from the front of an input: a byte n, then n bytes
+// "a\nb\n..." that answer the next requests in order. Then state queries get
+// 0, 1, 2, 3 in turn and all else "[ok]", so that no wait runs to its limit.
+bytes take_replies(bytes in);
 
-// Takes the reply script from the front of an input (a byte n, then n bytes
-// of "a\nb\n..." replies, cut to the input) into set_replies; returns the
-// number of bytes it took.
-size_t take_replies(const uint8_t* data, size_t size);
+struct parked {};  // thrown by the wrapped pause(), the daemon's wait for good
 
-// Replies of the DSP service stand-in for the next requests, in order; once
-// they are used up it answers state queries with 0, 1, 2, 3 in turn and all
-// else with "[ok]", so that no wait of a handler runs to its time limit.
-void set_replies(std::vector<std::string> replies);
-// Splits "a\nb\n..." into replies; used to take a reply script from input.
-std::vector<std::string> split_replies(std::string_view script);
-// Requests the responder has answered since the process started.
-size_t requests_seen();
-
-// serial_fd becomes one end of a non-blocking socketpair; a thread drains
-// what the daemon writes to it. Returns the other end, to write input into.
-int open_port();
-// Number of bytes waiting to be read on serial_fd.
-size_t port_pending();
-
-// Thrown by the wrapped `pause`, with which the daemon waits for good.
-struct parked {};
-
-// Status that the wrapped `system` returns (0 at start).
-extern int system_status;
-
-// Empties a directory inside the private root (between inputs).
-void clear_dir(const char* path);
-// Writes a whole file inside the private root.
-void put_file(const char* path, const uint8_t* data, size_t size);
-
+inline size_t pending()  // bytes the daemon has not read from the port
+{
+    int n = 0;
+    return ioctl(serial_fd, FIONREAD, &n) == 0 ? static_cast<size_t>(n) : 0;
+}
+inline void drain_port()
+{
+    for (char sink[4096]; pending() > 0 && read(serial_fd, sink, sizeof sink) > 0;) {
+    }
+}
+inline void put_file(const char* path, bytes data)
+{
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data.data()), data.size());
+}
+inline void clear_dir(const char* path)
+{
+    for (const auto& e : std::filesystem::directory_iterator(path))
+        if (!e.is_directory()) std::filesystem::remove(e.path());
+}
+inline uint64_t le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint64_t(p[3]) << 24; }
 }  // namespace fuzz

@@ -1,15 +1,9 @@
-// The image table of a USB upgrade file: records searched by name, their MD5
-// texts, offsets and lengths, and the copy of each image they point at.
-//
-// Input: the bytes at the table's position (base + 0x100880) of a file whose
-// first part is sparse. Unless bit 0 of byte 0 is set, the harness writes
-// the right MD5 text into the kernel and rootfs records whose images lie
-// inside the file, so that the programming steps are reached.
-#include <cstdint>
-#include <cstdio>
+// The image table of a USB upgrade file and the copy of each image. Input:
+// the bytes at the table (0x100880) of a file sparse in front. Unless bit 0
+// of byte 0 is set, kernel and rootfs records whose images lie in the file
+// get their right MD5 text, so that the programming steps are reached.
 #include <cstring>
 #include <fcntl.h>
-#include <unistd.h>
 #include <vector>
 
 #include "core/protocol.h"
@@ -17,49 +11,26 @@
 #include "tests/fuzz/fuzz_env.h"
 #include "update/md5.h"
 
-namespace {
-
-constexpr size_t TABLE = 0x100880;
-
-uint32_t le32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24; }
-
-// `table` holds the file from TABLE on; images that lie in it get their MD5.
-void repair_digests(std::vector<uint8_t>& table)
-{
-    for (size_t r = 0; r + 128 <= table.size() && r < 10 * 128; r += 128) {
-        const char* name = reinterpret_cast<const char*>(&table[r]);
-        if (strncmp(name, "kernel", 7) != 0 && strncmp(name, "rootfs", 7) != 0) continue;
-        uint64_t off = le32(&table[r + 68]), len = le32(&table[r + 72]);
-        if (off < TABLE || off - TABLE + len > table.size()) continue;
-        md5_context ctx;
-        md5_init(&ctx);
-        md5_update(&ctx, table.data() + (off - TABLE), len);
-        uint8_t d[16];
-        md5_final(&ctx, d);
-        char hex[33];
-        for (int i = 0; i < 16; ++i) snprintf(hex + 2 * i, 3, "%02x", d[i]);
-        memcpy(&table[r + 32], hex, 32);
-    }
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fuzz::start_link(PROTO_MCU, false);  // the progress frames go out
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return fuzz::start(PROTO_MCU), 0; }  // progress frames go out
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    std::vector<uint8_t> table(data, data + size);
-    if (size == 0 || !(data[0] & 1)) repair_digests(table);
-    // Sparse in front (images pointed there read as zeros): only the table
-    // and what lies behind it are written.
+    constexpr size_t TABLE = 0x100880;
+    std::vector<uint8_t> t(data, data + size);
+    for (size_t r = 0; size > 0 && !(data[0] & 1) && r + 128 <= size && r < 10 * 128; r += 128) {
+        uint64_t off = fuzz::le32(&t[r + 68]), len = fuzz::le32(&t[r + 72]);
+        if ((memcmp(&t[r], "kernel", 7) && memcmp(&t[r], "rootfs", 7)) || off < TABLE || off - TABLE + len > size)
+            continue;
+        md5_context ctx;
+        uint8_t d[16];
+        md5_init(&ctx);
+        md5_update(&ctx, &t[off - TABLE], len);
+        md5_final(&ctx, d);
+        for (int i = 0; i < 32; ++i) t[r + 32 + i] = "0123456789abcdef"[(d[i / 2] >> (i % 2 ? 0 : 4)) & 15];
+    }
+    // Sparse in front (images pointed there read as zeros): only the table and what follows is written.
     int fd = open("/mnt/u", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0 || ftruncate(fd, static_cast<off_t>(TABLE)) != 0 ||
-        pwrite(fd, table.data(), size, TABLE) != static_cast<ssize_t>(size))
-        __builtin_trap();
+    if (fd < 0 || ftruncate(fd, TABLE) != 0 || pwrite(fd, t.data(), size, TABLE) != ssize_t(size)) __builtin_trap();
     close(fd);
     const uint8_t payload[16] = {0x11, 0, 0, 0, 0, 'u'};
     handler_udisk_upg_control(payload, sizeof payload);

@@ -8,114 +8,65 @@
 #include "mcu/mcu_frame.h"
 
 namespace {
-
 using bytes = std::vector<uint8_t>;
 
 bytes packed(uint8_t command, const bytes& payload)
 {
     mcu_out_frame f{command, payload.data(), static_cast<uint8_t>(payload.size())};
     pack_buf* b = mcu_pack(reinterpret_cast<uintptr_t>(&f), 0);
-    EXPECT_NE(b, nullptr);
-    if (!b) return {};
     bytes out(b->data, b->tail);
     mcu_free(b);
     return out;
 }
 
-// What mcu_recv would hand over: the frame from the lead byte on.
-pack_buf* received(const bytes& frame)
+bytes called;  // the payload the last handler got
+int handler(const uint8_t* p, uint8_t len) { return called.assign(p, p + len), 100; }
+constexpr mcu_handler table[16] = {handler, nullptr, nullptr, nullptr, nullptr, handler, nullptr, nullptr,
+                                   nullptr, handler, handler, nullptr, nullptr, nullptr, nullptr, handler};
+
+// Parses a frame as mcu_recv hands it over, from the lead byte on; the result, then the log.
+std::pair<int, std::string> parse(const bytes& frame)
 {
     pack_buf* b = pack_buf_alloc(MCU_BUF_SIZE);
-    memcpy(pack_buf_put(b, frame.size()), frame.data(), frame.size());
-    return b;
-}
-
-struct call {
-    int slot;
-    bytes payload;
-};
-std::vector<call> calls;
-
-template <int Slot>
-int recorder(const uint8_t* p, uint8_t len)
-{
-    calls.push_back({Slot, bytes(p, p + len)});
-    return 100 + Slot;
-}
-
-constexpr mcu_handler test_table[16] = {
-    recorder<0>, nullptr, nullptr, nullptr, nullptr, recorder<5>, nullptr, nullptr,
-    nullptr, recorder<9>, recorder<10>, nullptr, nullptr, nullptr, nullptr, recorder<15>,
-};
-
-int parse(const bytes& frame, std::string* out = nullptr)
-{
-    pack_buf* b = received(frame);
+    std::copy(frame.begin(), frame.end(), pack_buf_put(b, frame.size()));
     testing::internal::CaptureStdout();
-    int r = mcu_parse_with(b, std::span<const mcu_handler, 16>(test_table));
-    std::string text = testing::internal::GetCapturedStdout();
-    if (out) *out = text;
-    else EXPECT_EQ(text, "");
+    int r = mcu_parse_with(b, std::span<const mcu_handler, 16>(table));
     mcu_free(b);
-    return r;
+    return {r, testing::internal::GetCapturedStdout()};
 }
-
 }  // namespace
 
-TEST(McuFrame, ExamplesPackAndParseByteExact)
+TEST(McuFrame, PackAndParse)
 {
-    const std::vector<std::pair<bytes, bytes>> examples = {
-        {{0x09, 0x40, 0x02, 0x00, 0x00, 0x00}, {0xFF, 0x08, 0x09, 0x40, 0x02, 0x00, 0x00, 0x00, 0x38}},
-        {{0x0A, 0x01}, {0xFF, 0x04, 0x0A, 0x01, 0x3F}},
-        {{0x0A, 0x20}, {0xFF, 0x04, 0x0A, 0x20, 0x30}},
+    const std::string bad_sum = "[MCU IF] Wrong checksum, data may be corrupted\n";
+    // A result of 100: the handler ran with the bytes between command and digit.
+    struct { bytes wire; int result; std::string log; } rows[] = {
+        {{0xFF, 0x08, 0x09, 0x40, 0x02, 0x00, 0x00, 0x00, 0x38}, 100, ""},
+        {{0xFF, 0x04, 0x0A, 0x01, 0x3F}, 100, ""},
+        {{0xFF, 0x04, 0x0A, 0x20, 0x30}, 100, ""},
+        {{0xFF, 0x03, 0x0F, 0x33}, 100, ""},  // L = 3: no payload
+        {{0xFF, 0x06, 0x05, 0x01, 0x02, 0x03, 0x33}, -84, bad_sum},
+        {{0xFF, 0x01}, -84, bad_sum},  // the length byte stands in for the digit
+        {{0xFF, 0x02, 0x32}, -1, "[MCU IF] frame without command dropped\n"},
+        {{0xFF, 0x04, 0x10, 0x01, 0x36}, -1, "[MCU IF] ERROR: INVALID command 16"},
+        {{0xFF, 0x03, 0xFF, 0x32}, -1, "[MCU IF] ERROR: INVALID command 255"},
+        {{0xFF, 0x04, 0x01, 0x09, 0x3E}, -1, ""},  // empty slots
+        {{0xFF, 0x04, 0x0E, 0x09, 0x3C}, -1, ""},
     };
-    for (const auto& [cmd_and_payload, wire] : examples) {
-        bytes payload(cmd_and_payload.begin() + 1, cmd_and_payload.end());
-        EXPECT_EQ(packed(cmd_and_payload[0], payload), wire);
-        calls.clear();
-        EXPECT_EQ(parse(wire), 100 + cmd_and_payload[0]);
-        ASSERT_EQ(calls.size(), 1u);
-        EXPECT_EQ(calls[0].slot, cmd_and_payload[0]);
-        EXPECT_EQ(calls[0].payload, payload);
+    for (const auto& r : rows) {
+        called = {0xEE};
+        EXPECT_EQ(parse(r.wire), std::pair(r.result, r.log)) << testing::PrintToString(r.wire);
+        bytes payload = r.result == 100 ? bytes(r.wire.begin() + 3, r.wire.end() - 1) : bytes{0xEE};
+        EXPECT_EQ(called, payload);
+        EXPECT_EQ(r.result == 100 ? packed(r.wire[2], payload) : r.wire, r.wire);
     }
-}
-
-TEST(McuFrame, PayloadLengthsAtTheEdges)
-{
-    // L = 3: the handler runs with no payload; L = 255: with 252 bytes.
-    calls.clear();
-    EXPECT_EQ(parse(packed(15, {})), 115);
-    bytes big(252);
-    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(0xFF - i);  // 0xFF included
+    bytes big(252);  // L = 255, 0xFF among the payload bytes
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(0xFF - i);
     bytes wire = packed(0, big);
-    ASSERT_EQ(wire.size(), 256u);
+    EXPECT_EQ(wire.size(), 256u);
     EXPECT_EQ(wire[1], 255);
-    EXPECT_EQ(parse(wire), 100);
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].payload, bytes{});
-    EXPECT_EQ(calls[1].payload, big);
-}
-
-TEST(McuFrame, RejectedFrames)
-{
-    calls.clear();
-    std::string out;
-    bytes wrong = packed(5, {1, 2, 3});
-    wrong.back() ^= 0x01;
-    EXPECT_EQ(parse(wrong, &out), -84);
-    EXPECT_EQ(out, "[MCU IF] Wrong checksum, data may be corrupted\n");
-    // L = 1: the length byte stands in for the digit; the empty sum gives 0x30.
-    EXPECT_EQ(parse({0xFF, 0x01}, &out), -84);
-    EXPECT_EQ(out, "[MCU IF] Wrong checksum, data may be corrupted\n");
-    // L = 2 with digit 0x32 passes the test but has no command byte.
-    EXPECT_EQ(parse({0xFF, 0x02, 0x32}, &out), -1);
-    EXPECT_EQ(out, "[MCU IF] frame without command dropped\n");
-    EXPECT_EQ(parse(packed(16, {1}), &out), -1);
-    EXPECT_EQ(out, "[MCU IF] ERROR: INVALID command 16");
-    EXPECT_EQ(parse(packed(255, {}), &out), -1);
-    EXPECT_EQ(out, "[MCU IF] ERROR: INVALID command 255");
-    for (uint8_t empty : {1, 2, 7, 14}) EXPECT_EQ(parse(packed(empty, {9})), -1);
-    EXPECT_TRUE(calls.empty());
+    EXPECT_EQ(parse(wire).first, 100);
+    EXPECT_EQ(called, big);
 }
 
 TEST(McuFrame, ReceiveFromThePort)
@@ -124,46 +75,33 @@ TEST(McuFrame, ReceiveFromThePort)
     ASSERT_EQ(pipe(fds), 0);
     int saved = serial_fd;
     serial_fd = fds[0];
-    auto feed = [&](const bytes& b) { ASSERT_EQ(write(fds[1], b.data(), b.size()), static_cast<ssize_t>(b.size())); };
-
-    // Noise ahead of the lead byte is dropped; the frame is read by its length.
-    bytes frame = packed(10, {0x20, 0xFF});
-    feed({0x00, 0x31, 0xFE});
-    feed(frame);
-    feed(frame);
-    for (int i = 0; i < 2; ++i) {
+    auto receive = [&](const bytes& in) {
+        EXPECT_EQ(write(fds[1], in.data(), in.size()), ssize_t(in.size()));
+        testing::internal::CaptureStdout();
         pack_buf* b = mcu_recv();
-        ASSERT_NE(b, nullptr);
-        EXPECT_EQ(bytes(b->data, b->tail), frame);
+        std::string log = testing::internal::GetCapturedStdout();
+        bytes out = b ? bytes(b->data, b->tail) : bytes{};
         mcu_free(b);
-    }
+        return std::pair(out, log);
+    };
+    const std::string error = "[MCU IF] read error!\n";
+    // Noise ahead of the lead byte is dropped; the frame is read by its length.
+    const bytes frame = {0xFF, 0x05, 0x0A, 0x20, 0xFF, 0x30};
+    EXPECT_EQ(receive({0x00, 0x31, 0xFE, 0xFF, 0x05, 0x0A, 0x20, 0xFF, 0x30}), std::pair(frame, std::string()));
+    EXPECT_EQ(receive(frame), std::pair(frame, std::string()));
+    // L = 0 is a read error and nothing more is read for it; L = 1 reads no further.
+    EXPECT_EQ(receive({0xFF, 0x00, 0xFF, 0x01}), std::pair(bytes{}, error));
+    EXPECT_EQ(receive({}), std::pair(bytes{0xFF, 0x01}, std::string()));
+    // A frame that comes in short keeps its length; the rest reads as zero.
+    const bytes short_frame = {0xFF, 0x08, 0x09, 0x40, 0, 0, 0, 0, 0};
+    EXPECT_EQ(receive({0xFF, 0x08, 0x09, 0x40}), std::pair(short_frame, std::string()));
+    serial_fd = -1;  // a failing read in the hunt
+    EXPECT_EQ(receive({}), std::pair(bytes{}, error));
 
-    // L = 0: a read error, and nothing more is read for that frame.
-    feed({0xFF, 0x00, 0xFF, 0x01});
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(mcu_recv(), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[MCU IF] read error!\n");
-    pack_buf* one = mcu_recv();  // L = 1 asks for no further byte
-    ASSERT_NE(one, nullptr);
-    EXPECT_EQ(bytes(one->data, one->tail), (bytes{0xFF, 0x01}));
-    mcu_free(one);
-
-    // A frame that comes in short keeps its reserved length; the rest reads as zero.
-    feed({0xFF, 0x08, 0x09, 0x40});
+    // No byte at all: the peer hung up, and the process ends instead of spinning.
     close(fds[1]);
-    pack_buf* shortf = mcu_recv();
-    ASSERT_NE(shortf, nullptr);
-    EXPECT_EQ(bytes(shortf->data, shortf->tail), (bytes{0xFF, 0x08, 0x09, 0x40, 0, 0, 0, 0, 0}));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(mcu_parse(shortf), -84);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[MCU IF] Wrong checksum, data may be corrupted\n");
-    mcu_free(shortf);
-
-    // A failing read in the hunt.
+    serial_fd = fds[0];
+    EXPECT_EXIT(mcu_recv(), testing::ExitedWithCode(1), "");
     close(fds[0]);
-    serial_fd = -1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(mcu_recv(), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[MCU IF] read error!\n");
     serial_fd = saved;
 }
