@@ -540,23 +540,9 @@ int main(int argc, char** argv)
     tag = "[mcu]";
     static const std::string more = fields_help() + R"(
 Options:
-  --port DEV        a terminal (a board's port); line settings as the daemon's:
-  -b RATE -P odd|even|mark|space -B (two stop bits) -c (RTS/CTS); default 115200 8N1
-  --pty FILE        make a pseudo-terminal, write its slave's path to FILE
-  -f SCRIPT         steps from SCRIPT ('-': standard input); '#' starts a comment,
-                    lines starting with '@' are for the test runner
-  --log FILE --dsp-log FILE --dsp-rules FILE --calls FILE --exit FILE
-                    the daemon's log, the DSP stand-in's report and rules, the
-                    stand-in log, the daemon's exit status; without one, the steps
-                    that need it are reported skipped and pass
-  -q, --quiet       fewer lines;  --version;  -h, --help
+)" + common_options_help + R"(  -q, --quiet       fewer lines;  --version;  -h, --help
   --decode ...      decode captured traffic (see below)
-Words are separated by blanks; "..." is one word; \n \r \t \\ \" \0 \xHH escape.
-Numbers are decimal or 0x hex. The whole script is checked before anything is
-sent. Without steps and with a terminal on standard input: interactive.
-Exit status: 0; 1 at the first failed step; 2 for a bad command line or script
-(nothing sent) or a port that cannot be set up.
-)" + decode_help("mcu_sim", "MCU") + R"(
+)" + script_help + exit_help + decode_help("mcu_sim", "MCU") + R"(
 Examples:
   mcu_sim --port /dev/ttyUSB0 -b 115200 "expect frame 0x20" "vol 60" "wait 0x21 5000"
   mcu_sim --pty /tmp/pty -f volume.mcu

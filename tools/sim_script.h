@@ -266,6 +266,25 @@ inline void skip_lines(follower& f)
     }
 }
 
+// Parts of the usage that both simulators print.
+inline const std::string common_options_help = R"(  --port DEV        a terminal (a board's port); line settings as the daemon's:
+  -b RATE -P odd|even|mark|space -B (two stop bits) -c (RTS/CTS); default 115200 8N1
+  --pty FILE        make a pseudo-terminal, write its slave's path to FILE
+  -f SCRIPT         steps from SCRIPT ('-': standard input); '#' starts a comment,
+                    lines starting with '@' are for the test runner
+  --log FILE --dsp-log FILE --dsp-rules FILE --calls FILE --exit FILE
+                    the daemon's log, the DSP stand-in's report and rules, the
+                    stand-in log, the daemon's exit status; without one, the steps
+                    that need it are reported skipped and pass
+)";
+inline const std::string script_help = R"(Words are separated by blanks; "..." is one word; \n \r \t \\ \" \0 \xHH escape.
+Numbers are decimal or 0x hex. The whole script is checked before anything is
+sent. Without steps and with a terminal on standard input: interactive.
+)";
+inline const std::string exit_help = R"(Exit status: 0; 1 at the first failed step; 2 for a bad command line or script
+(nothing sent) or a port that cannot be set up.
+)";
+
 // The steps both simulators know.
 inline std::vector<verb> common_verbs()
 {

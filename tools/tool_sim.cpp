@@ -414,26 +414,12 @@ int main(int argc, char** argv)
     tag = "[tool]";
     static const std::string more = R"(
 Options:
-  --port DEV        a terminal (a board's port); line settings as the daemon's:
-  -b RATE -P odd|even|mark|space -B (two stop bits) -c (RTS/CTS); default 115200 8N1
-  --pty FILE        make a pseudo-terminal, write its slave's path to FILE
-  -f SCRIPT         steps from SCRIPT ('-': standard input); '#' starts a comment,
-                    lines starting with '@' are for the test runner
-  --log FILE --dsp-log FILE --dsp-rules FILE --calls FILE --exit FILE
-                    the daemon's log, the DSP stand-in's report and rules, the
-                    stand-in log, the daemon's exit status; without one, the steps
-                    that need it are reported skipped and pass
-  --stop-on-miss    a read-back query without an answer fails the run
+)" + common_options_help + R"(  --stop-on-miss    a read-back query without an answer fails the run
   -q, --quiet       fewer lines;  --version;  -h, --help
   --decode ...      decode captured traffic (see below)
-Words are separated by blanks; "..." is one word; \n \r \t \\ \" \0 \xHH escape.
-Numbers are decimal or 0x hex. The whole script is checked before anything is
-sent. Without steps and with a terminal on standard input: interactive.
-The daemon takes one read as one input, so each step waits for its answer
+)" + script_help + R"(The daemon takes one read as one input, so each step waits for its answer
 where there is one; after line or send, use expect reply or expect log.
-Exit status: 0; 1 at the first failed step; 2 for a bad command line or script
-(nothing sent) or a port that cannot be set up.
-)" + decode_help("tool_sim", "tool") + R"(
+)" + exit_help + decode_help("tool_sim", "tool") + R"(
 Examples:
   tool_sim --port /dev/ttyUSB0 probe "tune vol 3 -2.5" "query s4_prf"
   tool_sim --pty /tmp/pty -f tuning.tool

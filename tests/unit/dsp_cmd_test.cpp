@@ -83,6 +83,8 @@ TEST_F(DspCmd, RequestTextAndCallbacks)
 {
     EXPECT_EQ(dsp_cmd(dsp_reply_ok, "dsp vol %d %f\n", 3, -12.5), 0);
     EXPECT_EQ(taken(), std::string("dsp vol 3 -12.500000\n\0", 22));  // the NUL travels
+    EXPECT_EQ(dsp_cmd(nullptr, "%s", std::string(4000, 'y').c_str()), 0);
+    EXPECT_EQ(taken(), std::string(3071, 'y') + '\0');  // cut to what the service takes
 
     struct { dsp_reply_fn cb; const char* reply; int result; const char* log; } rows[] = {
         {dsp_reply_ok, "[ok]\n", -1, "[MCU IF] command failed\n"},  // "[ok]" compares exactly
@@ -119,7 +121,8 @@ TEST_F(DspCmd, QueueFailuresReleaseTheLock)
         EXPECT_EQ(dsp_cmd(dsp_reply_ok, "dsp vol 0 0\n"), reply == "[ok]" ? 0 : -1);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), log);
     }
-    mcu_state.dsp_queue_id = queue;  // the id of the removed queue, rather than a lookup of the real key
+    EXPECT_EQ(mcu_state.dsp_queue_id, -1);  // dropped, to be looked up again before the next command
+    mcu_state.dsp_queue_id = queue;         // the removed queue's id instead: no lookup of the real key
     testing::internal::CaptureStdout();
     EXPECT_EQ(dsp_cmd(dsp_reply_ok, "dsp vol 0 0\n"), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[MCU IF] send dsp command failed\n");
