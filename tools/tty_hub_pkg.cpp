@@ -230,15 +230,15 @@ void build_ota(const ota_args& a)
         fail("--image", std::to_string(a.images.size()) + " images; the directory holds at most 12");
     input mcu("--mcu", a.mcu);
     std::deque<input> images;
-    for (const std::string& spec : a.images) {
-        size_t eq = spec.find('=');
-        bool named = eq != std::string::npos && spec.find('/') > eq;
-        std::string path = named ? spec.substr(eq + 1) : spec;
-        std::string name = named ? spec.substr(0, eq) : path.substr(path.rfind('/') + 1);
+    for (const std::string& image_arg : a.images) {
+        size_t eq = image_arg.find('=');
+        bool named = eq != std::string::npos && image_arg.find('/') > eq;
+        std::string path = named ? image_arg.substr(eq + 1) : image_arg;
+        std::string name = named ? image_arg.substr(0, eq) : path.substr(path.rfind('/') + 1);
         if (name.empty() || name.size() >= S8137_NAME || name == "." || name == ".." || name.find('/') != std::string::npos)
-            fail("--image " + spec, "image name '" + name + "': 1 to 31 characters, no '/', not . or ..");
+            fail("--image " + image_arg, "image name '" + name + "': 1 to 31 characters, no '/', not . or ..");
         for (const input& other : images)
-            if (other.name == name) fail("--image " + spec, "image name '" + name + "' given twice");
+            if (other.name == name) fail("--image " + image_arg, "image name '" + name + "' given twice");
         images.emplace_back("--image", path, name);
     }
 

@@ -23,9 +23,9 @@ def pattern(n, seed):
     return bytes((i * 131 + seed * 17 + (i >> 8)) & 0xFF for i in range(n))
 
 
-def images(specs):
-    for spec in specs:
-        name, rest = spec.rsplit("@", 1)
+def images(image_args):
+    for image_arg in image_args:
+        name, rest = image_arg.rsplit("@", 1)
         off, length, seed, *flags = rest.split(":")
         yield name.encode().decode("unicode_escape").encode("latin-1"), int(off, 0), pattern(int(length), int(seed)), flags
 
