@@ -1,5 +1,6 @@
 // The one serial port of the process and its raw read and write.
 #pragma once
+#include <array>
 #include <cstddef>
 #include <sys/types.h>
 
@@ -20,6 +21,20 @@ ssize_t serial_write(const void* buf, size_t len);
 // the device is back; worker threads writing to the port never meet a closed
 // or reused descriptor. Other failures, EINTR among them, are returned.
 ssize_t serial_read_live(void* buf, size_t len);
+
+// The rates the daemon takes, with the Linux termios constants B9600 ...
+// B4000000 for them; the simulators take the same.
+struct serial_rate {
+    int rate;
+    int bits;
+};
+inline constexpr std::array<serial_rate, 18> serial_rates{{
+    {9600, 0x000D},    {19200, 0x000E},   {38400, 0x000F},   {57600, 0x1001},
+    {115200, 0x1002},  {230400, 0x1003},  {460800, 0x1004},  {500000, 0x1005},
+    {576000, 0x1006},  {921600, 0x1007},  {1000000, 0x1008}, {1152000, 0x1009},
+    {1500000, 0x100A}, {2000000, 0x100B}, {2500000, 0x100C}, {3000000, 0x100D},
+    {3500000, 0x100E}, {4000000, 0x100F},
+}};
 
 // Speed bits of c_cflag for a supported rate, -1 for any other.
 int baud_to_speed(int rate);

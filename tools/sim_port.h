@@ -20,6 +20,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "core/serial.h"
+
 namespace sim {
 
 using bytes = std::vector<uint8_t>;
@@ -137,23 +139,12 @@ struct line_settings {
     bool parity = false, odd = false, stick = false, two_stop = false, rts_cts = false;
 };
 
-struct rate_constant {
-    long rate;
-    speed_t bits;
-};
-inline constexpr std::array<rate_constant, 18> rates{{
-    {9600, B9600},       {19200, B19200},     {38400, B38400},     {57600, B57600},     {115200, B115200},
-    {230400, B230400},   {460800, B460800},   {500000, B500000},   {576000, B576000},   {921600, B921600},
-    {1000000, B1000000}, {1152000, B1152000}, {1500000, B1500000}, {2000000, B2000000}, {2500000, B2500000},
-    {3000000, B3000000}, {3500000, B3500000}, {4000000, B4000000},
-}};
-
 inline speed_t speed_of(long rate)
 {
-    for (const auto& r : rates)
-        if (r.rate == rate) return r.bits;
+    for (const auto& r : serial_rates)
+        if (r.rate == rate) return static_cast<speed_t>(r.bits);
     std::string all;
-    for (const auto& r : rates) all.append(" ").append(std::to_string(r.rate));
+    for (const auto& r : serial_rates) all.append(" ").append(std::to_string(r.rate));
     throw usage_error("rate " + std::to_string(rate) + " not supported; one of" + all);
 }
 
@@ -163,6 +154,19 @@ inline void set_parity(line_settings& l, const std::string& word)
     l.parity = true;
     l.odd = word == "mark" || word == "odd";
     l.stick = word == "mark" || word == "space";
+}
+
+// The daemon's line options -b RATE, -P PARITY, -B and -c; false for another
+// option. next() gives the option's argument.
+template <class Next>
+bool line_option(line_settings& l, const std::string& a, Next next)
+{
+    if (a == "-b") l.rate = number(next(), 1, 4000000, "rate"), speed_of(l.rate);
+    else if (a == "-P") set_parity(l, next());
+    else if (a == "-B") l.two_stop = true;
+    else if (a == "-c") l.rts_cts = true;
+    else return false;
+    return true;
 }
 
 // DEV raw with the line settings; failures are usage errors.
