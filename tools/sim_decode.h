@@ -113,10 +113,7 @@ inline int run_decode(int argc, char** argv, const decoder& d)
             else if (a == "--raw") as_hex = false;
             else if (a == "--time") times = true;
             else if (a == peer_opt || a == "--daemon") sources.emplace_back(next(), a == "--daemon");
-            else if (a == "-b") line.rate = number(next(), 1, 4000000, "rate"), speed_of(line.rate);
-            else if (a == "-P") set_parity(line, next());
-            else if (a == "-B") line.two_stop = true;
-            else if (a == "-c") line.rts_cts = true;
+            else if (line_option(line, a, next)) continue;
             else throw usage_error("unknown decode option " + a + " (see --help)");
         }
         if (sources.empty()) throw usage_error("--decode needs " + peer_opt + " SOURCE or --daemon SOURCE");

@@ -597,10 +597,7 @@ inline int run_main(int argc, char** argv, program p)
             if (p.option && p.option(a, next)) continue;
             if (a == "--port") port = next();
             else if (a == "--pty") pty_file = next();
-            else if (a == "-b") line.rate = number(next(), 1, 4000000, "rate"), speed_of(line.rate);
-            else if (a == "-P") set_parity(line, next());
-            else if (a == "-B") line.two_stop = true;
-            else if (a == "-c") line.rts_cts = true;
+            else if (line_option(line, a, next)) continue;
             else if (a == "--log") paths.log = next();
             else if (a == "--dsp-log") paths.dsp_log = next();
             else if (a == "--dsp-rules") paths.dsp_rules = next();
