@@ -7,7 +7,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "mcu/mcu_state.h"
@@ -127,8 +126,7 @@ bool move_package(int tmp, uint32_t package_crc, uint8_t* buf)
     if (unlink(OTA_NEW_PATH) != 0 && errno != ENOENT) return move_failed(strerror(errno));
     char* command = reinterpret_cast<char*>(buf);
     snprintf(command, OTA_BLOCK, "mv %s %s", OTA_TMP_PATH, OTA_NEW_PATH);
-    int status = run_command(command);
-    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return move_failed("mv");
+    if (run_command(command) != 0) return move_failed("mv");
     unique_fd moved(open_regular(OTA_NEW_PATH, O_RDONLY));
     if (!moved) return move_failed(strerror(errno));
     struct stat received, stored;
