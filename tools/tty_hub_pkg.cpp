@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tools/pkg_format.h"
+#include "core/byte_order.h"
 #include "update/fd_io.h"
 #include "update/md5.h"
 #include "update/ota.h"
@@ -191,16 +192,6 @@ private:
     std::string path_, tmp_;
     unique_fd fd_;
 };
-
-void put_le32(uint8_t* p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-void put_be32(uint8_t* p, uint32_t v)
-{
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-}
 
 uint32_t crc_of(int fd, const std::string& path, uint64_t pos)
 {

@@ -8,6 +8,7 @@
 
 #include "core/serial.h"
 #include "mcu/mcu_state.h"
+#include "core/byte_order.h"
 #include "update/fd_io.h"
 #include "update/ota.h"
 
@@ -75,7 +76,7 @@ ssize_t mcu_read_reply(int pkg, uint8_t* buf)
     for (ssize_t i = 0; i < n; ++i) sum += buf[4 + i];
     size_t reply = (static_cast<size_t>(n) + 7) & ~size_t{3};
     memset(buf + 4 + n, 0, reply - 4 - static_cast<size_t>(n));
-    for (int i = 0; i < 4; ++i) buf[i] = static_cast<uint8_t>(sum >> (8 * i));
+    put_le32(buf, sum);
     return static_cast<ssize_t>(reply);
 }
 

@@ -166,15 +166,12 @@ void md5_final(md5_context* ctx, uint8_t digest[16])
     uint32_t low = ctx->byte_count[0] << 3;
     uint32_t high = (ctx->byte_count[1] << 3) | (ctx->byte_count[0] >> 29);
     uint8_t bits[8];
-    for (int i = 0; i < 4; ++i) {
-        bits[i] = static_cast<uint8_t>(low >> (8 * i));
-        bits[4 + i] = static_cast<uint8_t>(high >> (8 * i));
-    }
+    put_le32(bits, low);
+    put_le32(bits + 4, high);
     size_t left = ctx->byte_count[0] & 63;
     size_t pad_len = left < 56 ? 56 - left : 120 - left;
     static constexpr uint8_t padding[64] = {0x80};
     md5_update_block(ctx, padding, pad_len);
     md5_update_block(ctx, bits, 8);
-    for (int i = 0; i < 4; ++i)
-        for (int j = 0; j < 4; ++j) digest[4 * i + j] = static_cast<uint8_t>(ctx->state[i] >> (8 * j));
+    for (int i = 0; i < 4; ++i) put_le32(digest + 4 * i, ctx->state[i]);
 }
