@@ -11,13 +11,19 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "core/notify.h"
 #include "core/protocol.h"
 #include "core/serial.h"
+#include "core/trace.h"
 
 namespace {
 
 int baud_rate = 115200;
 serial_options options{};
+const char* trace_path = nullptr;
+
+// Long options beyond the usage text, which stays as it is.
+constexpr int OPT_TRACE = 256;
 
 void usage()
 {
@@ -37,14 +43,21 @@ void scan_options(int argc, char** argv)
         {"help", no_argument, nullptr, 'h'},     {"baud", required_argument, nullptr, 'b'},
         {"port", required_argument, nullptr, 'p'}, {"rts-cts", no_argument, nullptr, 'c'},
         {"2-stop-bit", no_argument, nullptr, 'B'}, {"parity", required_argument, nullptr, 'P'},
+        {"version", no_argument, nullptr, 'V'},    {"trace", required_argument, nullptr, OPT_TRACE},
         {nullptr, 0, nullptr, 0},
     };
     int c;
-    while ((c = getopt_long(argc, argv, "hb:p:cBP:", long_options, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "hb:p:cBP:V", long_options, nullptr)) != -1) {
         switch (c) {
         case 'h':
             usage();
             exit(0);
+        case 'V':
+            printf("tty_hub %s\n", TTY_HUB_VERSION);
+            exit(0);
+        case OPT_TRACE:
+            trace_path = optarg;
+            break;
         case 'b':
             baud_rate = static_cast<int>(strtol(optarg, nullptr, 10));
             break;
@@ -91,6 +104,7 @@ void configure_port(int speed_bits)
 
 int shutdown_port(int result)
 {
+    trace_flush_now();
     tcdrain(serial_fd);
     tcflush(serial_fd, TCIOFLUSH);
     free(options.port);
@@ -100,14 +114,19 @@ int shutdown_port(int result)
     return result;
 }
 
+// What the process serves, for the service manager's status line.
+const char* serving = nullptr;
+
 int select_protocol()
 {
     if (!strcmp(options.port, "/dev/ttyS1")) {
         puts("setup MCU interface!");
+        serving = "Serving the MCU link on /dev/ttyS1";
         return protocol_select(PROTO_MCU);
     }
     if (!strcmp(options.port, "/dev/ttyS2")) {
         puts("setup DSP tool interface!");
+        serving = "Serving the DSP tuning tool link on /dev/ttyS2";
         return protocol_select(PROTO_DSPTOOL);
     }
     puts("unsupported port");
@@ -120,7 +139,13 @@ int select_protocol()
     FD_ZERO(&readfds);
     for (;;) {
         FD_SET(serial_fd, &readfds);
-        if (select(serial_fd + 1, &readfds, nullptr, nullptr, nullptr) <= 0) continue;
+        // Without a watchdog the wait has no limit; with one, a pass comes at
+        // least as often as a ping is due, and only from here: a handler that
+        // never comes back stops the pings.
+        timeval tv;
+        int r = select(serial_fd + 1, &readfds, nullptr, nullptr, watchdog_wait_limit(tv));
+        watchdog_feed_due();
+        if (r <= 0) continue;
         if (FD_ISSET(serial_fd, &readfds)) if_poll();
     }
 }
@@ -131,6 +156,7 @@ int main(int argc, char** argv)
 {
     // Logs must reach a pipe or a journal line by line.
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    notify_init();
 
     scan_options(argc, argv);
     if (!options.port) {
@@ -161,6 +187,7 @@ int main(int argc, char** argv)
     }
     serial_name = options.port;
     configure_port(speed_bits);
+    if (trace_path) trace_start(trace_path);
 
     if (protocol_register_all() != 0) {
         puts("mcu interface init error!");
@@ -168,5 +195,7 @@ int main(int argc, char** argv)
     }
     if (int r = select_protocol(); r != 0) return shutdown_port(r);
     if (int r = protocol_current()->init(); r != 0) return shutdown_port(r);
+    // The MCU link's init ends with its first record state frame.
+    notify_ready(serving);
     wait_loop();
 }

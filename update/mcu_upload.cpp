@@ -6,6 +6,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "core/notify.h"
 #include "core/serial.h"
 #include "mcu/mcu_state.h"
 #include "core/byte_order.h"
@@ -109,12 +110,14 @@ bool next_message(uint8_t* buf)
         if (!memcmp(buf, "READ", 4)) {
             serve_read(pkg, buf);
         } else if (!memcmp(buf, "UPDATA_SUCC!", MSG_SIZE)) {
+            notify_status("MCU firmware uploaded; restart the daemon to serve frames again");
             park();
         } else {
             puts("[MCU IF] not MCU READ command");
         }
         if (!next_message(buf)) {
             puts("[MCU IF] read MCU READ command failed");
+            notify_status("MCU firmware upload stopped: the port failed");
             park();
         }
     }

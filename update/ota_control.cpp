@@ -4,6 +4,7 @@
 #include <cstring>
 #include <pthread.h>
 
+#include "core/notify.h"
 #include "mcu/handlers.h"
 #include "update/ota.h"
 #include "update/ota_internal.h"
@@ -47,12 +48,22 @@ int handler_ota_control(const uint8_t* p, uint8_t)
     case 5:
         puts("[MCU IF] OTA upgrade S8137");
         send_ota_state(OTA_STATE_S8137);
-        do_s8137_upgrade();
+        {
+            // /bin/ota_upg may take long; the record state query after it
+            // is a DSP exchange and runs under the wait loop's watch again.
+            watchdog_step step("S8137 upgrade running");
+            do_s8137_upgrade();
+        }
         send_record_state();
         break;
     case 6:
         puts("[MCU IF] OTA upgrade MCU");
-        mcu_firmware_upload();
+        {
+            // Once the MCU answers, the upload and the state it ends in
+            // never come back to the wait loop.
+            watchdog_step step("MCU firmware upload running");
+            mcu_firmware_upload();
+        }
         break;
     case 0x23:
         // The id of the OTA state frame, echoed back: nothing to do.

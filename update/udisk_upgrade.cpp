@@ -7,6 +7,7 @@
 #include <new>
 #include <unistd.h>
 
+#include "core/notify.h"
 #include "mcu/handlers.h"
 #include "mcu/mcu_frame.h"
 #include "update/fd_io.h"
@@ -190,6 +191,9 @@ int handler_udisk_upg_control(const uint8_t* p, uint8_t len)
     }
     if (p[0] != 0x11) return 0;
     puts("[MCU IF] Enter hupg control~");
+    // flashcp must never be cut off by the service manager: no DSP exchange
+    // runs in here.
+    watchdog_step step("USB disk upgrade running");
     uint32_t base = get_le32(p + 1);
     // The name field has 11 bytes and needs no 0 byte when full.
     const char* name = reinterpret_cast<const char*>(p + 5);

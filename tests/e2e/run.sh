@@ -23,7 +23,7 @@ bash "$sandbox" populate "$root" || exit 2
 : >"$root/dev/$port"
 
 : >"$root/.sb/dsp.rules"
-args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=()
+args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=() notify=()
 : >"$root/.sb/steps"
 while IFS= read -r line || [ -n "$line" ]; do
     read -ra w <<<"${line#@}"
@@ -36,6 +36,9 @@ while IFS= read -r line || [ -n "$line" ]; do
     @tmpfs\ *) run+=(--tmpfs "${w[1]}:${w[2]}") ;;
     @standin\ *) bash "$sandbox" standin "$root" "${w[1]}" "${w[2]:-0}" || exit 2 ;;
     @setup\ *) setup+=("${line#@setup }") ;;
+    # @notify USEC [QUIET_MS]: a service manager's socket (an abstract name) with a
+    # listener logging to /.sb/notify.log, named to the daemon with a watchdog of USEC.
+    @notify\ *) notify=("@tty_hub.e2e.$$" "${w[1]}" "${w[2]:-1000}") ;;
     # @rule KIND|FIELD|...: a line of dsp_sim's rules file, TAB-separated.
     @rule\ *) r=${line#@rule }; printf '%s\n' "${r//|/$'\t'}" >>"$root/.sb/dsp.rules" ;;
     # @program PATH BODY: a stand-in program of the scenario's own making.
@@ -61,12 +64,19 @@ q() { printf '%q ' "$@"; }
         # The daemon waits only 3 s for the queue: start it once the queue is there.
         [ "${dsp[0]}" != --ready ] || echo 'n=0; until [ -e /.sb/dsp.ready ] || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
     fi
+    args=("$bin/tty_hub" "${args[@]}")
+    if [ ${#notify[@]} -gt 0 ]; then
+        # Steps send markers to it: notify_listen.py --send "$NOTIFY_SOCKET" TEXT.
+        echo "export NOTIFY_SOCKET=${notify[0]}; $(q "$data/notify_listen.py" "${notify[0]}" /.sb/notify.log "${notify[2]}") 2>/.sb/notify.err &"
+        echo 'n=0; until grep -qs listening /.sb/notify.log || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
+        args=(env "WATCHDOG_USEC=${notify[1]}" "${args[@]}")
+    fi
     echo "$sim --pty /.sb/pty --log /.sb/stdout --dsp-log /.sb/dsp.log --dsp-rules /.sb/dsp.rules \\"
     echo "    --calls /.sb/standin.log --exit /.sb/exit -f /.sb/steps >/.sb/sim.out 2>&1 &"
     echo 'sim=$!'
     echo 'until [ -s /.sb/pty ] || ! kill -0 $sim 2>/dev/null; do sleep 0.01; done'
     echo "if [ -s /.sb/pty ]; then mount --bind \"\$(cat /.sb/pty)\" /dev/$port"
-    echo "  ( $(q "$bin/tty_hub" "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
+    echo "  ( $(q "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
     echo "fi"
     echo 'wait $sim; echo $? >/.sb/sim.status'
 } >"$root/.sb/run.sh"
