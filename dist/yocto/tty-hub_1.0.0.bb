@@ -14,13 +14,15 @@ EXTERNALSRC_BUILD = "${WORKDIR}/build"
 
 inherit cmake systemd update-rc.d
 
-# The daemon alone: no tests, no simulators on the target.
+# The daemon alone: no tests, no simulators on the target; its manual page
+# goes to ${PN}-doc.
 EXTRA_OECMAKE = "-DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF \
     -DTTY_HUB_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} \
     -DTTY_HUB_INSTALL_SYSTEMD=${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'ON', 'OFF', d)} \
     -DTTY_HUB_INSTALL_SYSV=${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'ON', 'OFF', d)}"
 
 FILES:${PN} = "${bindir}/tty_hub ${sysconfdir}/init.d/S90tty_hub ${systemd_system_unitdir}/tty_hub@.service"
+FILES:${PN}-doc = "${mandir}/man8/tty_hub.8"
 
 # One instance per port.
 SYSTEMD_SERVICE:${PN} = "tty_hub@ttyS1.service tty_hub@ttyS2.service"

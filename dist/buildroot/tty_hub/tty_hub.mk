@@ -12,8 +12,8 @@ TTY_HUB_SITE_METHOD = local
 TTY_HUB_LICENSE = MIT
 TTY_HUB_LICENSE_FILES = LICENSE
 
-# The daemon alone: no tests, no simulators on the target.
-TTY_HUB_CONF_OPTS = -DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF -DCMAKE_INSTALL_SYSCONFDIR=/etc
+# The daemon alone: no tests, no simulators, no manual pages on the target.
+TTY_HUB_CONF_OPTS = -DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF -DTTY_HUB_INSTALL_MAN=OFF -DCMAKE_INSTALL_SYSCONFDIR=/etc
 
 # What the install puts on the target (checked after it, and by the
 # project's CI against its own cmake --install).
