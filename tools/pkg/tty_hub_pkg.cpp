@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tools/pkg_format.h"
+#include "tools/pkg/pkg_format.h"
 #include "core/byte_order.h"
 #include "update/fd_io.h"
 #include "update/md5.h"

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "core/byte_order.h"
-#include "tools/pkg_format.h"
+#include "tools/pkg/pkg_format.h"
 #include "update/md5.h"
 
 namespace pkg {
