@@ -550,6 +550,7 @@ Examples:
     program p{"mcu_sim",
               "Usage: mcu_sim (--port DEV | --pty FILE) [OPTION]... [-f SCRIPT] [STEP]...\n"
               "       mcu_sim --decode [--hex] [--time] [--mcu SOURCE] [--daemon SOURCE]\n"
+              "       mcu_sim --decode [--time] --trace FILE\n"
               "Plays the product's host microcontroller on the MCU link of tty_hub.",
               more.c_str(), mcu_verbs(), show, {}};
     decoder d{"mcu", first_frame, frame_text, [](const uint8_t*, size_t) { return true; }};

@@ -3,6 +3,7 @@
 // or as hex text, one direction or both, each piece printed with its offset,
 // or with its time when it comes live.
 #pragma once
+#include <sstream>
 #include <sys/stat.h>
 
 #include "tools/sim/port.h"
@@ -31,7 +32,9 @@ inline std::string decode_help(const char* prog, const char* peer)
            " sent, --daemon what the daemon\n"
            "  sent. Every frame is printed decoded with its offset (with its time when\n"
            "  a source is a terminal, or with --time), check digits verified, noise as such.\n"
-           "  --hex reads hex text (pairs of digits, 0x allowed, # comments) instead of bytes.\n";
+           "  --hex reads hex text (pairs of digits, 0x allowed, # comments) instead of bytes.\n"
+           "  --trace FILE instead: both directions from a trace of tty_hub --trace, with\n"
+           "  the trace's times (seconds of the device's monotonic clock) under --time.\n";
 }
 
 struct source {
@@ -77,22 +80,66 @@ inline void add(source& s, const uint8_t* p, size_t n, bool as_hex)
     }
 }
 
-inline void print_pieces(const decoder& d, source& s, bool at_end, bool times, steady::time_point start)
+// A piece's time: from the trace line that completed it (seconds), or, when
+// negative, since the start of the decoding.
+inline void print_pieces(const decoder& d, source& s, bool at_end, bool times, steady::time_point start,
+                         double at = -1)
 {
     const char* who = s.from_daemon ? "daemon" : d.peer;
     for (;;) {
         piece pc = d.split(s.buf.data(), s.buf.size(), at_end, s.from_daemon);
         if (pc.kind == piece::more || pc.len == 0) return;
+        // A trace gives the bytes read by read: noise may go on in the next one.
+        if (at >= 0 && !at_end && pc.kind == piece::noise && pc.len == s.buf.size()) return;
         std::string text = pc.kind == piece::noise ? "noise"
                            : pc.kind == piece::cut ? "cut short"
                                                    : d.text(s.buf.data(), pc.len, s.from_daemon);
         if (pc.kind != piece::whole || d.binary(s.buf.data(), pc.len)) text += "  (" + hex(s.buf.data(), pc.len) + ")";
         if (times)
-            printf("%9.3f  %-6s  %s\n", std::chrono::duration<double>(steady::now() - start).count(), who, text.c_str());
+            printf("%9.3f  %-6s  %s\n", at >= 0 ? at : std::chrono::duration<double>(steady::now() - start).count(), who,
+                   text.c_str());
         else printf("%8zu  %-6s  %s\n", s.offset, who, text.c_str());
         s.buf.erase(s.buf.begin(), s.buf.begin() + static_cast<long>(pc.len));
         s.offset += pc.len;
     }
+}
+
+// A trace written by tty_hub --trace: "# comment" lines, and lines
+// "SECONDS rx|tx HH HH ..." in the order of the port's reads (rx, what the
+// peer sent) and writes (tx, what the daemon sent).
+inline void decode_trace(const decoder& d, const std::string& path, bool times)
+{
+    FILE* f = path == "-" ? stdin : fopen(path.c_str(), "re");
+    if (!f) throw usage_error("cannot read " + path + ": " + strerror(errno));
+    std::array<source, 2> sides{source("rx", false), source("tx", true)};
+    auto start = steady::now();
+    char* line = nullptr;
+    size_t cap = 0;
+    size_t number = 0;
+    ssize_t n;
+    while ((n = getline(&line, &cap, f)) >= 0) {
+        ++number;
+        std::istringstream in(std::string(line, static_cast<size_t>(n)));
+        std::string when, dir, byte;
+        if (!(in >> when) || when[0] == '#') continue;
+        in >> dir;
+        char* end = nullptr;
+        double at = strtod(when.c_str(), &end);
+        if (*end || (dir != "rx" && dir != "tx")) {
+            free(line);
+            if (f != stdin) fclose(f);
+            throw usage_error(path + ":" + std::to_string(number) + ": not a trace line");
+        }
+        source& s = sides[dir == "tx"];
+        while (in >> byte) {
+            s.token = byte;
+            hex_token(s);
+        }
+        print_pieces(d, s, false, times, start, at);
+    }
+    free(line);
+    if (f != stdin) fclose(f);
+    for (auto& s : sides) print_pieces(d, s, true, times, start, -1);
 }
 
 inline int run_decode(int argc, char** argv, const decoder& d)
@@ -102,6 +149,7 @@ inline int run_decode(int argc, char** argv, const decoder& d)
         std::vector<source> sources;
         line_settings line;
         bool as_hex = false, times = false;
+        std::string trace;
         std::string peer_opt = std::string("--") + d.peer;
         for (int i = 2; i < argc; ++i) {
             std::string a = argv[i];
@@ -113,10 +161,17 @@ inline int run_decode(int argc, char** argv, const decoder& d)
             else if (a == "--raw") as_hex = false;
             else if (a == "--time") times = true;
             else if (a == peer_opt || a == "--daemon") sources.emplace_back(next(), a == "--daemon");
+            else if (a == "--trace") trace = next();
             else if (line_option(line, a, next)) continue;
             else throw usage_error("unknown decode option " + a + " (see --help)");
         }
-        if (sources.empty()) throw usage_error("--decode needs " + peer_opt + " SOURCE or --daemon SOURCE");
+        if (!trace.empty()) {
+            if (!sources.empty()) throw usage_error("--trace takes both directions: no " + peer_opt + " or --daemon beside it");
+            decode_trace(d, trace, times);
+            return 0;
+        }
+        if (sources.empty())
+            throw usage_error("--decode needs " + peer_opt + " SOURCE, --daemon SOURCE or --trace FILE");
         for (auto& s : sources) {
             if (s.path == "-") s.fd = 0;
             else if ((s.fd = open(s.path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)) < 0)

@@ -427,6 +427,7 @@ Examples:
     program p{"tool_sim",
               "Usage: tool_sim (--port DEV | --pty FILE) [OPTION]... [-f SCRIPT] [STEP]...\n"
               "       tool_sim --decode [--hex] [--time] [--tool SOURCE] [--daemon SOURCE]\n"
+              "       tool_sim --decode [--time] --trace FILE\n"
               "Plays the DSP tuning tool on the tool link of tty_hub.",
               more.c_str(), tool_verbs(), show,
               [](const std::string& a, const std::function<std::string()>&) { return a == "--stop-on-miss" && (stop_on_miss = true); }};
