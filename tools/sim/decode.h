@@ -3,6 +3,8 @@
 // or as hex text, one direction or both, each piece printed with its offset,
 // or with its time when it comes live.
 #pragma once
+#include <fstream>
+#include <iostream>
 #include <sstream>
 #include <sys/stat.h>
 
@@ -109,27 +111,24 @@ inline void print_pieces(const decoder& d, source& s, bool at_end, bool times, s
 // peer sent) and writes (tx, what the daemon sent).
 inline void decode_trace(const decoder& d, const std::string& path, bool times)
 {
-    FILE* f = path == "-" ? stdin : fopen(path.c_str(), "re");
-    if (!f) throw usage_error("cannot read " + path + ": " + strerror(errno));
+    std::ifstream file;
+    if (path != "-") {
+        file.open(path);
+        if (!file) throw usage_error("cannot read " + path + ": " + strerror(errno));
+    }
+    std::istream& lines = path == "-" ? std::cin : file;
     std::array<source, 2> sides{source("rx", false), source("tx", true)};
     auto start = steady::now();
-    char* line = nullptr;
-    size_t cap = 0;
-    size_t number = 0;
-    ssize_t n;
-    while ((n = getline(&line, &cap, f)) >= 0) {
-        ++number;
-        std::istringstream in(std::string(line, static_cast<size_t>(n)));
+    std::string line;
+    for (size_t number = 1; std::getline(lines, line); ++number) {
+        std::istringstream in(line);
         std::string when, dir, byte;
         if (!(in >> when) || when[0] == '#') continue;
         in >> dir;
         char* end = nullptr;
         double at = strtod(when.c_str(), &end);
-        if (*end || (dir != "rx" && dir != "tx")) {
-            free(line);
-            if (f != stdin) fclose(f);
+        if (*end || (dir != "rx" && dir != "tx"))
             throw usage_error(path + ":" + std::to_string(number) + ": not a trace line");
-        }
         source& s = sides[dir == "tx"];
         while (in >> byte) {
             s.token = byte;
@@ -137,8 +136,6 @@ inline void decode_trace(const decoder& d, const std::string& path, bool times)
         }
         print_pieces(d, s, false, times, start, at);
     }
-    free(line);
-    if (f != stdin) fclose(f);
     for (auto& s : sides) print_pieces(d, s, true, times, start, -1);
 }
 
