@@ -22,6 +22,9 @@ check() {
 }
 for args in "-h" "--help" "-b 9600 -p /dev/ttyS1 -h"; do check 0 "$usage" "" $args; done
 check 0 "$usage" "tty_hub: invalid option -- 'x'" -x -h -p /dev/ttyS1
+for args in "-V" "--version" "-p /dev/ttyS1 --version -h"; do check 0 "tty_hub 1.0.0" "" $args; done
+check 234 "$usage" "tty_hub: option '--trace' requires an argument
+ERROR: Port argument required" --trace
 check 234 "$usage" "ERROR: Port argument required" -P odd
 for rate in abc 4800 0 115201 -115200; do check 234 "Not supported baud rate" "" -p /dev/ttyS1 -b $rate; done
 # Ports are opened, set up and closed before their name is judged.
