@@ -1,5 +1,6 @@
 #include "core/notify.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -72,8 +73,10 @@ void notify_init()
     }
     char* end = nullptr;
     unsigned long long us = usec ? strtoull(usec, &end, 10) : 0;
+    // A ping at most every millisecond: an absurdly short interval must not
+    // turn the wait loop into a spin.
     if (notify_fd >= 0 && ours && us > 0 && end && *end == '\0')
-        ping_every = std::chrono::microseconds(us / 2);
+        ping_every = std::max<steady::duration>(std::chrono::microseconds(us / 2), std::chrono::milliseconds(1));
     unsetenv("NOTIFY_SOCKET");
     unsetenv("WATCHDOG_USEC");
     unsetenv("WATCHDOG_PID");
