@@ -73,6 +73,8 @@ void notify_init()
     }
     char* end = nullptr;
     unsigned long long us = usec ? strtoull(usec, &end, 10) : 0;
+    // Beyond twelve days is no watchdog worth the arithmetic's overflow.
+    us = std::min(us, 1ULL << 40);
     // A ping at most every millisecond: an absurdly short interval must not
     // turn the wait loop into a spin.
     if (notify_fd >= 0 && ours && us > 0 && end && *end == '\0')
