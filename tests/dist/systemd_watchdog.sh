@@ -12,7 +12,33 @@ build=$(realpath "$1")
 [ -x /lib/systemd/systemd ] || { echo "skipped: no /lib/systemd/systemd"; exit 0; }
 [ "$(id -u)" = 0 ] || { echo "skipped: needs root for the namespaces"; exit 0; }
 root=$(mktemp -d)
-trap 'rm -rf "$root"' EXIT
+# systemd makes its cgroups below a group of this test's own in every
+# hierarchy, entered before the cgroup namespace is made and removed after,
+# so that nothing of it stays on the machine.
+groups=()
+leave() {
+    local g
+    for g in "${groups[@]}"; do
+        echo $$ >"${g%/*}/cgroup.procs" 2>/dev/null
+        find "$g" -depth -type d -exec rmdir {} + 2>/dev/null
+    done
+    rm -rf "$root"
+}
+trap leave EXIT
+own=$(cat /proc/self/cgroup)
+while IFS=: read -r _ ctrls path; do
+    if [ -z "$ctrls" ]; then
+        mnt=$(awk '$3 == "cgroup2" { print $2; exit }' /proc/self/mounts)
+    else
+        mnt=$(awk -v c="${ctrls%%,*}" '$3 == "cgroup" && ("," $4 ",") ~ ("," c ",") { print $2; exit }' /proc/self/mounts)
+    fi
+    [ -n "$mnt" ] || continue
+    g=$mnt${path%/}/tty_hub_test.$$
+    mkdir "$g" || { echo "skipped: cannot make a cgroup of its own in $mnt"; exit 0; }
+    groups+=("$g")
+    for f in cpuset.cpus cpuset.mems; do [ -e "$g/$f" ] && cat "${g%/*}/$f" >"$g/$f"; done
+    echo $$ >"$g/cgroup.procs" || { echo "skipped: cannot enter a cgroup of its own in $mnt"; exit 0; }
+done <<<"$own"
 mkdir -p "$root/upper/usr/local/sbin" "$root/work" "$root/merged" "$root/out" "$root/etc"
 # The daemon loads a kernel module at start: not on the host.
 printf '#!/bin/sh\nexit 0\n' >"$root/upper/usr/local/sbin/modprobe"
@@ -49,9 +75,13 @@ EOF
 m=$root/merged
 cat >"$root/inner.sh" <<EOF
 set -e
+m=$m
 mount -t overlay overlay -o lowerdir=/,upperdir=$root/upper,workdir=$root/work $m
 mount -t proc proc $m/proc
 mount --rbind /sys $m/sys
+# Hierarchies mounted from inside the cgroup namespace are rooted at its root.
+mount -t tmpfs -o mode=755 tmpfs $m/sys/fs/cgroup
+$(awk '$3 == "cgroup" || $3 == "cgroup2" { printf "mkdir -p $m%s; mount -t %s -o %s %s $m%s\n", $2, $3, $4, $3, $2 }' /proc/self/mounts)
 if [ -d $m/sys/class/gpio ]; then mount -t tmpfs tmpfs $m/sys/class/gpio; fi
 mount -t tmpfs -o mode=755 tmpfs $m/dev
 for d in null zero random urandom tty full; do touch $m/dev/\$d; mount --bind /dev/\$d $m/dev/\$d; done
