@@ -61,6 +61,10 @@ python3 $DATA/mkpkg.py usb near 100 kernel@0x100980:5000:11 rootfs@0x101D08:300:
 # replaces a block; inspect with the wrong key, no block or a changed byte
 # names the signature.
 for k in key other; do openssl genpkey -algorithm ed25519 -out $k && openssl pkey -in $k -pubout -out $k.pub || exit 1; done
+if ! grep -q "^TTY_HUB_SIGNING:BOOL=ON" "$BIN/CMakeCache.txt"; then
+    tty_hub_pkg sign pkg --key key 2>&1 | grep -q "built without signing" || { echo "sign in a build without signing"; failed=1; }
+    exit $failed
+fi
 chmod 644 other
 cp pkg py-pkg && python3 $DATA/mkpkg.py sign py-pkg key ota && cp usb py-usb && python3 $DATA/mkpkg.py sign py-usb key usb &&
     tty_hub_pkg build-ota -o spkg "${ota[@]}" --image a=img --image b=img2 --sign key >/dev/null && cmp spkg py-pkg &&
