@@ -36,8 +36,6 @@ bool pread_full(int fd, void* buf, size_t n, uint64_t pos)
     return true;
 }
 
-std::string read_failure() { return std::string("read failed: ") + (errno ? strerror(errno) : "unexpected end of file"); }
-
 }  // namespace
 
 int signature_read_block(int fd, uint64_t size, signed_file kind, signature_block& block)
@@ -88,6 +86,8 @@ std::vector<trusted_key> keyring;
 
 // A PEM public key is a few hundred bytes; anything much larger is not one.
 constexpr size_t KEY_FILE_MAX = 64 * 1024;
+
+std::string read_failure() { return std::string("read failed: ") + (errno ? strerror(errno) : "unexpected end of file"); }
 
 }  // namespace
 
