@@ -55,6 +55,9 @@ python3 $DATA/mkpkg.py usb near 100 kernel@0x100980:5000:11 rootfs@0x101D08:300:
 # Empty firmware is warned about when built and when inspected.
 : >empty && tty_hub_pkg build-ota -o e --mcu empty --mcu-digest 000102030405060708090a0b 2>&1 | grep -q "warning: --mcu empty: empty" &&
     tty_hub_pkg inspect e | grep -q "^MCU section: *warning: empty" || { echo "empty firmware: no warning"; failed=1; }
+# A large file's passes show progress on a terminal, and nothing on a pipe.
+truncate -s 70M big && script -qc "tty_hub_pkg inspect --ota big" /dev/null | grep -q "checking 100%" &&
+    ! tty_hub_pkg inspect --ota big 2>&1 | grep -q checking || { echo "progress: not on a terminal only"; failed=1; }
 
 # Signatures: Ed25519 signs deterministically, so the tool's signed files are
 # byte for byte those of an independent signer (Python's cryptography); sign
