@@ -2,10 +2,10 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
-#include <ctime>
 #include <pthread.h>
 #include <semaphore.h>
 
+#include "core/clock.h"
 #include "core/dsp_queue.h"
 
 // Bits of applied_mask: settings applied since the last audio report.
@@ -48,7 +48,7 @@ struct mcu_state_t {
 
     // recording
     std::atomic<int> record_state;
-    std::atomic<time_t> record_start_time;  // read by audio_pipe_thread
+    std::atomic<time_t> record_start_time;  // monotonic_seconds; read by audio_pipe_thread
     std::atomic<uint8_t> file_status;  // read by audio_pipe_thread
     std::atomic<uint8_t> dialog_changed;
     std::atomic<uint8_t> dialog_active;
