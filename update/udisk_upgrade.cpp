@@ -140,7 +140,7 @@ uint8_t udisk_upgrade(uint32_t base, const char* path, uint8_t& percent)
         printf("[MCU IF] open USB upgrade file %s failed: %s\n", path, strerror(errno));
         return UPG_FAIL_EARLY;
     }
-    unique_fd tmp(open_regular(TMP_PATH, O_RDWR | O_CREAT));
+    unique_fd tmp(open_work_file(TMP_PATH, O_RDWR, 0644));
     if (!tmp) {
         printf("[MCU IF] open tmp file for USB upgrade failed: %s\n", strerror(errno));
         return UPG_FAIL_EARLY;
