@@ -46,15 +46,20 @@ pack_buf* recv_failed(pack_buf* b)
 pack_buf* mcu_recv()
 {
     uint8_t byte = 0;
-    // Hunt for the lead byte; anything else is dropped silently.
+    // Hunt for the lead byte; anything else is dropped silently. A hung-up
+    // port never comes back from serial_read_live: 0 bytes is a second
+    // without data on a port left at VMIN 0 by a failed firmware handshake,
+    // and the wait loop waits for the next byte.
     for (;;) {
         ssize_t r = serial_read_live(&byte, 1);
         if (r < 0) return recv_failed(nullptr);
-        if (r == 1 && byte == MCU_LEAD) break;
+        if (r == 0) return nullptr;
+        if (byte == MCU_LEAD) break;
     }
     uint8_t len = 0;
-    // A hung-up port never comes back from serial_read_live.
-    if (serial_read_live(&len, 1) != 1 || len == 0) return recv_failed(nullptr);
+    ssize_t r = serial_read_live(&len, 1);
+    if (r == 0) return nullptr;
+    if (r != 1 || len == 0) return recv_failed(nullptr);
 
     pack_buf* b = pack_buf_alloc(MCU_BUF_SIZE);
     if (!b) {
