@@ -25,11 +25,16 @@ bool line_gone()
 {
     pollfd p{serial_fd, POLLIN, 0};
     if (poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR | POLLNVAL))) return true;
-    termios tio;
-    return tcgetattr(serial_fd, &tio) != 0 || tio.c_cc[VMIN] != 0;
+    return !serial_vmin_zero();
 }
 
 }  // namespace
+
+bool serial_vmin_zero()
+{
+    termios tio;
+    return tcgetattr(serial_fd, &tio) == 0 && tio.c_cc[VMIN] == 0;
+}
 
 ssize_t serial_read_live(void* buf, size_t len)
 {

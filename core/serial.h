@@ -23,6 +23,9 @@ ssize_t serial_write(const void* buf, size_t len);
 // EINTR among them, are returned.
 ssize_t serial_read_live(void* buf, size_t len);
 
+// The port returns what has come, or 0 bytes after VTIME (VMIN 0).
+bool serial_vmin_zero();
+
 // The rates the daemon takes, with the Linux termios constants B9600 ...
 // B4000000 for them; the simulators take the same.
 struct serial_rate {

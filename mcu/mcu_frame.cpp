@@ -72,7 +72,16 @@ pack_buf* mcu_recv()
     p[0] = MCU_LEAD;
     p[1] = len;
     uint8_t* rest = pack_buf_put(b, len - 1u);
-    if (serial_read_live(rest, len - 1u) < 0) return recv_failed(b);
+    size_t want = len - 1u, got = 0;
+    for (;;) {
+        ssize_t r = serial_read_live(rest + got, want - got);
+        if (r < 0) return recv_failed(b);
+        got += static_cast<size_t>(r);
+        // At VMIN 0 a read gives what has come so far: read on until the
+        // frame is whole or a second passes without data. Otherwise one
+        // read is all, and a short frame reads as zeros behind its end.
+        if (r == 0 || got == want || !serial_vmin_zero()) break;
+    }
     return b;
 }
 
