@@ -99,8 +99,8 @@ extern mcu_state_t mcu_state;
 // Result callback of dsp_cmd: reply text and its strlen.
 using dsp_reply_fn = int (*)(const char* text, size_t len);
 
-// One exchange with the DSP service under dsp_lock. Any thread; never from a
-// callback. Returns the callback's result, 0 without one, -1 on a queue failure.
+// One exchange with the DSP service under dsp_lock, then the exchange lock
+// between processes (dsp_exchange). Any thread; never from a callback. Returns the callback's result, 0 without one, -1 on a queue failure.
 int dsp_cmd(dsp_reply_fn cb, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 int dsp_reply_ok(const char* text, size_t len);
