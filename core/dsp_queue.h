@@ -9,6 +9,9 @@ inline constexpr long DSP_REQUEST_TYPE = 2;
 inline constexpr long DSP_RESPONSE_TYPE = 1;
 inline constexpr int DSP_QUEUE_PROJECT = 0x111;
 inline constexpr const char* DSP_QUEUE_PATH = "/tmp";
+// The semaphore that makes one exchange at a time on the queue, for every
+// process of the machine (of the IPC namespace): ftok of the same path.
+inline constexpr int DSP_LOCK_PROJECT = 0x112;
 
 struct dsp_message {
     long type;
@@ -19,7 +22,7 @@ struct dsp_message {
 // Attach to the service's queue (it creates the queue). Retries every
 // millisecond; gives up once a pass reads the clock more than 3 whole seconds
 // after the first, even if msgget succeeded in that pass. Returns the
-// queue id, or -1.
+// queue id, or -1. Once attached, exchanges are exclusive between processes.
 int dsp_queue_attach();
 
 // The service may be restarted and make its queue anew under the same key.
@@ -34,6 +37,20 @@ void dsp_queue_reattach(int& id);
 // Formats a request into msg, cut to fit with its NUL, typed as a request.
 // Returns the size to send: the text and its NUL.
 size_t dsp_format_request(dsp_message& msg, const char* fmt, va_list ap);
+
+// One request in msg (size bytes) and its response into msg. The ttyS1 and
+// ttyS2 daemons share the queue and a response names no request, so the
+// send and the receive are one step across processes too: under a SysV
+// semaphore with SEM_UNDO, which the kernel gives back when its holder dies.
+// Responses already on the queue belong to nobody alive (a holder killed
+// before its receive) and are dropped first. With retry_eintr an interrupted
+// send or receive is made again; otherwise it fails. A failure leaves errno.
+enum class dsp_step { done, send_failed, receive_failed };
+dsp_step dsp_exchange(int& id, dsp_message& msg, size_t size, bool retry_eintr);
+
+// Sets the key of that semaphore (dsp_queue_attach sets the queue's own) and
+// returns its id, or -1. Before it is set, exchanges take no such lock.
+int dsp_exchange_lock_setup(key_t key);
 
 // One blocking receive of a response into msg, ended as a string: the
 // service sends its NUL, and one that comes without it is cut at the end of

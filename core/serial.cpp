@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "core/trace.h"
@@ -19,10 +21,32 @@ ssize_t serial_read(void* buf, size_t len)
     return r;
 }
 
+namespace {
+
+// What the kernel says of the line after a read of 0 bytes. With VMIN 0 (the
+// port after a failed firmware handshake) such a read is only a second
+// without data; a line that is gone shows in poll as POLLHUP or POLLERR. With
+// VMIN above 0 a read returns 0 only at the end of the line, and so does a
+// descriptor that is no terminal.
+bool line_gone()
+{
+    pollfd p{serial_fd, POLLIN, 0};
+    if (poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR | POLLNVAL))) return true;
+    return !serial_vmin_zero();
+}
+
+}  // namespace
+
+bool serial_vmin_zero()
+{
+    termios tio;
+    return tcgetattr(serial_fd, &tio) == 0 && tio.c_cc[VMIN] == 0;
+}
+
 ssize_t serial_read_live(void* buf, size_t len)
 {
     ssize_t r = serial_read(buf, len);
-    if (r > 0 || (r == 0 && len == 0)) return r;
+    if (r > 0 || (r == 0 && (len == 0 || !line_gone()))) return r;
     int err = r < 0 ? errno : 0;
     if (r < 0 && err != EIO && err != ENXIO && err != ENODEV) return r;
     printf("[MCUIF CORE] %s hung up (%s), exiting\n", serial_name, err ? strerror(err) : "end of file");

@@ -13,14 +13,18 @@ extern const char* serial_name;
 ssize_t serial_read(void* buf, size_t len);
 ssize_t serial_write(const void* buf, size_t len);
 
-// serial_read for the frame links. Set up by main (VMIN 64, VTIME 1), the
-// port never gives 0 bytes while the line is there: 0, EIO, ENXIO or ENODEV
-// mean the peer hung up (a pty's other side closed, a USB adapter pulled),
-// and select would report the port readable for ever. That ends the process
-// with one line and a failure status, so its supervisor starts it again once
-// the device is back; worker threads writing to the port never meet a closed
-// or reused descriptor. Other failures, EINTR among them, are returned.
+// serial_read for the frame links. 0, EIO, ENXIO or ENODEV with the line
+// gone (as poll tells it) mean the peer hung up (a pty's other side closed, a
+// USB adapter pulled), and select would report the port readable for ever.
+// That ends the process with one line and a failure status, so its
+// supervisor starts it again once the device is back; worker threads writing
+// to the port never meet a closed or reused descriptor. A read of 0 bytes on
+// a live line (VMIN 0: a second without data) returns 0. Other failures,
+// EINTR among them, are returned.
 ssize_t serial_read_live(void* buf, size_t len);
+
+// The port returns what has come, or 0 bytes after VTIME (VMIN 0).
+bool serial_vmin_zero();
 
 // The rates the daemon takes, with the Linux termios constants B9600 ...
 // B4000000 for them; the simulators take the same.

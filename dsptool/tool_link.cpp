@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <sys/msg.h>
 
 #include "core/dsp_queue.h"
 #include "core/protocol.h"
@@ -64,8 +63,9 @@ bool tool_fill(pack_buf* b, size_t n)
     while (pack_buf_len(b) < n) {
         ssize_t r = serial_read_live(b->tail, pack_buf_room(b));
         // A hung-up port never comes back from serial_read_live; an error
-        // ends the frame.
-        if (r <= 0) {
+        // ends the frame, and 0 bytes (VMIN 0) is only no data yet.
+        if (r == 0) continue;
+        if (r < 0) {
             puts("[DSPTOOL] read error!");
             return false;
         }
@@ -84,7 +84,8 @@ int tool_drop_long_frame(pack_buf* b, size_t total, uint8_t command)
         pack_buf_reset(b);
         size_t want = total - seen < TOOL_BUF_SIZE ? total - seen : TOOL_BUF_SIZE;
         ssize_t r = serial_read_live(b->data, want);
-        if (r <= 0) {
+        if (r == 0) continue;
+        if (r < 0) {
             puts("[DSPTOOL] read error!");
             return -1;
         }
@@ -239,16 +240,16 @@ int tool_dsp_cmd(tool_reply_fn cb, const char* fmt, ...)
     va_start(ap, fmt);
     size_t size = dsp_format_request(tool_msg, fmt, ap);
     va_end(ap);
-    dsp_queue_reattach(tool_msqid);
-    if (msgsnd(tool_msqid, &tool_msg, size, 0) < 0) {
-        dsp_queue_failed(tool_msqid);
+    // Unlike the MCU link's, an interrupted call is not made again.
+    switch (dsp_exchange(tool_msqid, tool_msg, size, false)) {
+    case dsp_step::send_failed:
         puts("[DSPTOOL] send dsp command failed");
         return -1;
-    }
-    if (dsp_receive(tool_msqid, tool_msg) < 0) {
-        dsp_queue_failed(tool_msqid);
+    case dsp_step::receive_failed:
         puts("[DSPTOOL] receive dsp command response failed");
         return -1;
+    case dsp_step::done:
+        break;
     }
     return cb(tool_msg.text, strlen(tool_msg.text));
 }

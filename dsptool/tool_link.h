@@ -46,7 +46,8 @@ bool tool_match(const char* pattern, const char* word);
 // is valid, -1 when invalid, -2 when the word is too long for the buffer.
 int tool_line_word(const char* line, char* word);
 
-// One request to the DSP service and its response through cb.
+// One request to the DSP service and its response through cb, under the
+// exchange lock between processes (dsp_exchange).
 int tool_dsp_cmd(tool_reply_fn cb, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 int tool_reply_ok(const char* text, size_t length);
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "core/byte_order.h"
+#include "core/work_file.h"
 #include "dsptool/tool_link.h"
 
 namespace {
@@ -91,7 +92,7 @@ int tool_start_send_data(tool_frame* frame)
     char tmp[PATH_SIZE], final_path[PATH_SIZE];
     build_paths(tmp, final_path);
     // The DSP service reads the file once it is in place.
-    int fd = open(tmp, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int fd = open_work_file(tmp, O_RDWR | O_TRUNC, 0644);
     if (fd < 0) {
         puts("[DSPTOOL] failed to open tmp file for receiving configuration file");
         return reply(START_SEND_DATA, 1);

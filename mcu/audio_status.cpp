@@ -129,7 +129,7 @@ int send_record_state()
     int state = dsp_cmd(dsp_reply_int, "dsp rec state\n");
     mcu_state.record_state = state;
     if (state == 1)
-        payload[4] = static_cast<uint8_t>(time(nullptr) - mcu_state.record_start_time);
+        payload[4] = static_cast<uint8_t>(monotonic_seconds() - mcu_state.record_start_time);
     else if (state == 2)
         payload[4] = 0xF2;
     payload[5] = mcu_state.file_status;

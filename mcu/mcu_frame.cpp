@@ -46,15 +46,20 @@ pack_buf* recv_failed(pack_buf* b)
 pack_buf* mcu_recv()
 {
     uint8_t byte = 0;
-    // Hunt for the lead byte; anything else is dropped silently.
+    // Hunt for the lead byte; anything else is dropped silently. A hung-up
+    // port never comes back from serial_read_live: 0 bytes is a second
+    // without data on a port left at VMIN 0 by a failed firmware handshake,
+    // and the wait loop waits for the next byte.
     for (;;) {
         ssize_t r = serial_read_live(&byte, 1);
         if (r < 0) return recv_failed(nullptr);
-        if (r == 1 && byte == MCU_LEAD) break;
+        if (r == 0) return nullptr;
+        if (byte == MCU_LEAD) break;
     }
     uint8_t len = 0;
-    // A hung-up port never comes back from serial_read_live.
-    if (serial_read_live(&len, 1) != 1 || len == 0) return recv_failed(nullptr);
+    ssize_t r = serial_read_live(&len, 1);
+    if (r == 0) return nullptr;
+    if (r != 1 || len == 0) return recv_failed(nullptr);
 
     pack_buf* b = pack_buf_alloc(MCU_BUF_SIZE);
     if (!b) {
@@ -67,7 +72,16 @@ pack_buf* mcu_recv()
     p[0] = MCU_LEAD;
     p[1] = len;
     uint8_t* rest = pack_buf_put(b, len - 1u);
-    if (serial_read_live(rest, len - 1u) < 0) return recv_failed(b);
+    size_t want = len - 1u, got = 0;
+    for (;;) {
+        ssize_t r = serial_read_live(rest + got, want - got);
+        if (r < 0) return recv_failed(b);
+        got += static_cast<size_t>(r);
+        // At VMIN 0 a read gives what has come so far: read on until the
+        // frame is whole or a second passes without data. Otherwise one
+        // read is all, and a short frame reads as zeros behind its end.
+        if (r == 0 || got == want || !serial_vmin_zero()) break;
+    }
     return b;
 }
 

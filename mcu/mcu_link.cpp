@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,18 +41,15 @@ int dsp_cmd(dsp_reply_fn cb, const char* fmt, ...)
     va_start(ap, fmt);
     size_t size = dsp_format_request(msg, fmt, ap);
     va_end(ap);
-    dsp_queue_reattach(mcu_state.dsp_queue_id);
-    while (msgsnd(mcu_state.dsp_queue_id, &msg, size, 0) < 0) {
-        if (errno == EINTR) continue;
-        dsp_queue_failed(mcu_state.dsp_queue_id);
+    switch (dsp_exchange(mcu_state.dsp_queue_id, msg, size, true)) {
+    case dsp_step::send_failed:
         puts("[MCU IF] send dsp command failed");
         return -1;
-    }
-    while (dsp_receive(mcu_state.dsp_queue_id, msg) < 0) {
-        if (errno == EINTR) continue;
-        dsp_queue_failed(mcu_state.dsp_queue_id);
+    case dsp_step::receive_failed:
         puts("[MCU IF] receive dsp command response failed");
         return -1;
+    case dsp_step::done:
+        break;
     }
     if (!cb) return 0;
     return cb(msg.text, strlen(msg.text));

@@ -2,10 +2,10 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
-#include <ctime>
 #include <pthread.h>
 #include <semaphore.h>
 
+#include "core/clock.h"
 #include "core/dsp_queue.h"
 
 // Bits of applied_mask: settings applied since the last audio report.
@@ -48,7 +48,7 @@ struct mcu_state_t {
 
     // recording
     std::atomic<int> record_state;
-    std::atomic<time_t> record_start_time;  // read by audio_pipe_thread
+    std::atomic<time_t> record_start_time;  // monotonic_seconds; read by audio_pipe_thread
     std::atomic<uint8_t> file_status;  // read by audio_pipe_thread
     std::atomic<uint8_t> dialog_changed;
     std::atomic<uint8_t> dialog_active;
@@ -99,8 +99,8 @@ extern mcu_state_t mcu_state;
 // Result callback of dsp_cmd: reply text and its strlen.
 using dsp_reply_fn = int (*)(const char* text, size_t len);
 
-// One exchange with the DSP service under dsp_lock. Any thread; never from a
-// callback. Returns the callback's result, 0 without one, -1 on a queue failure.
+// One exchange with the DSP service under dsp_lock, then the exchange lock
+// between processes (dsp_exchange). Any thread; never from a callback. Returns the callback's result, 0 without one, -1 on a queue failure.
 int dsp_cmd(dsp_reply_fn cb, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 int dsp_reply_ok(const char* text, size_t len);

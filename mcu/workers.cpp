@@ -75,8 +75,14 @@ void mcu_workers_leave_port()
     pthread_mutex_lock(&port_lock);
     port_taken = true;
     pthread_mutex_unlock(&port_lock);
-    for (size_t i = 0; i < worker_handles.size(); ++i)
-        if (worker_created[i]) pthread_cancel(mcu_state.*worker_handles[i]);
+    // Nobody waits for them: detached, they leave nothing behind when they
+    // end, and nothing joins or cancels them again.
+    for (size_t i = 0; i < worker_handles.size(); ++i) {
+        if (!worker_created[i]) continue;
+        pthread_cancel(mcu_state.*worker_handles[i]);
+        pthread_detach(mcu_state.*worker_handles[i]);
+        worker_created[i] = false;
+    }
 }
 
 int mcu_start_workers(int pipe_fd)

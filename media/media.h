@@ -17,6 +17,6 @@ int scan_next_index(DIR* dir);
 
 // Queries the DSP service with `query` (dsp_reply_int) until it answers
 // `wanted`, 1000 us apart, for as long as a pass starts no more than one
-// whole second of time() after the first. Each answer goes to *store when
+// whole second of CLOCK_MONOTONIC after the first. Each answer goes to *store when
 // given. Returns the clock distance of the pass that saw `wanted`, or none.
 std::optional<long> dsp_wait_state(const char* query, int wanted, std::atomic<int>* store);

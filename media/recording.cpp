@@ -55,7 +55,7 @@ int start_recording()
     dsp_cmd(nullptr, "dsp rec mode 1 %s\n", mcu_state.music_path);
     auto waited = dsp_wait_state("dsp rec state\n", REC_RECORDING, &mcu_state.record_state);
     if (waited) {
-        mcu_state.record_start_time = time(nullptr);
+        mcu_state.record_start_time = monotonic_seconds();
         if (*waited <= 1) {
             puts("[MCU IF] start recording...");
             return 0;
@@ -124,9 +124,9 @@ int scan_next_index(DIR* dir)
 
 std::optional<long> dsp_wait_state(const char* query, int wanted, std::atomic<int>* store)
 {
-    time_t t0 = time(nullptr);
+    time_t t0 = monotonic_seconds();
     for (;;) {
-        time_t t = time(nullptr);
+        time_t t = monotonic_seconds();
         int state = dsp_cmd(dsp_reply_int, "%s", query);
         if (store) *store = state;
         if (state == wanted) return static_cast<long>(t - t0);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "core/byte_order.h"
+#include "core/work_file.h"
 
 // Owns one descriptor. The close in the destructor runs with cancellation
 // disabled: close is a cancellation point, and a cancel acted on inside a
@@ -43,7 +44,7 @@ static_assert(sizeof(off_t) >= 8, "build with _FILE_OFFSET_BITS=64");
 // base + offset as a file position; up to 2^33 - 2, which no off_t wraps.
 constexpr off_t file_pos(uint32_t base, uint32_t offset) { return off_t{base} + off_t{offset}; }
 
-// Opens a file under a directory that others can write (/tmp): a symbolic
+// Opens a file that must be a regular one (the stored package): a symbolic
 // link is not followed, and anything but a regular file (a FIFO, a device
 // node, a directory) is refused with EINVAL. Close-on-exec, like every
 // descriptor of the daemon; O_NONBLOCK keeps a FIFO or device from holding

@@ -176,7 +176,7 @@ int receive_package()
         printf("[MCU IF] can not open OTA device: %s\n", strerror(errno));
         return -1;
     }
-    unique_fd tmp(open_regular(OTA_TMP_PATH, O_RDWR | O_CREAT));
+    unique_fd tmp(open_work_file(OTA_TMP_PATH, O_RDWR, 0644));
     if (!tmp) {
         printf("[MCU IF] can not open OTA file: %s\n", strerror(errno));
         return fail(OTA_RESULT_NO_FILE);

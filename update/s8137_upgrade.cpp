@@ -54,7 +54,7 @@ int unpack_image(int pkg, const uint8_t* entry, uint32_t section, uint8_t* block
     char path[40];
     snprintf(path, sizeof path, "/tmp/%.31s", reinterpret_cast<const char*>(entry));
 
-    unique_fd image(open_regular(path, O_RDWR | O_CREAT));
+    unique_fd image(open_work_file(path, O_RDWR, 0644));
     if (!image) {
         printf("[MCU IF] create temporary file failed: %s\n", strerror(errno));
         return -1;

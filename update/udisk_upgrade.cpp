@@ -140,7 +140,7 @@ uint8_t udisk_upgrade(uint32_t base, const char* path, uint8_t& percent)
     }
     // The whole file, before the first image is copied or anything flashed.
     if (!signature_accepts(disk.get(), signed_file::usb, block.get(), "USB upgrade file")) return UPG_FAIL_EARLY;
-    unique_fd tmp(open_regular(TMP_PATH, O_RDWR | O_CREAT));
+    unique_fd tmp(open_work_file(TMP_PATH, O_RDWR, 0644));
     if (!tmp) {
         printf("[MCU IF] open tmp file for USB upgrade failed: %s\n", strerror(errno));
         return UPG_FAIL_EARLY;

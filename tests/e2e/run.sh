@@ -23,7 +23,7 @@ bash "$sandbox" populate "$root" || exit 2
 : >"$root/dev/$port"
 
 : >"$root/.sb/dsp.rules"
-args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=() notify=()
+args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=() second=() daemon=() notify=()
 : >"$root/.sb/steps"
 while IFS= read -r line || [ -n "$line" ]; do
     read -ra w <<<"${line#@}"
@@ -39,6 +39,11 @@ while IFS= read -r line || [ -n "$line" ]; do
     # @notify USEC [QUIET_MS]: a service manager's socket (an abstract name) with a
     # listener logging to /.sb/notify.log, named to the daemon with a watchdog of USEC.
     @notify\ *) notify=("@tty_hub.e2e.$$" "${w[1]}" "${w[2]:-1000}") ;;
+    # @second SIM SCRIPT: a daemon on the other link too, with the same DSP stand-in.
+    @second\ *) second=("${w[1]}" "${w[2]}") ;;
+    # @preload LIB: the daemon runs with BUILD_DIR/LIB preloaded (ASan's link order check off).
+    @preload\ *) [ -e "$bin/${w[1]}" ] || { echo "$name: $bin/${w[1]} is not built" >&2; exit 2; }
+        daemon=(env "LD_PRELOAD=$bin/${w[1]}" "ASAN_OPTIONS=\${ASAN_OPTIONS:+\$ASAN_OPTIONS:}verify_asan_link_order=0") ;;
     # @rule KIND|FIELD|...: a line of dsp_sim's rules file, TAB-separated.
     @rule\ *) r=${line#@rule }; printf '%s\n' "${r//|/$'\t'}" >>"$root/.sb/dsp.rules" ;;
     # @program PATH BODY: a stand-in program of the scenario's own making.
@@ -64,28 +69,36 @@ q() { printf '%q ' "$@"; }
         # The daemon waits only 3 s for the queue: start it once the queue is there.
         [ "${dsp[0]}" != --ready ] || echo 'n=0; until [ -e /.sb/dsp.ready ] || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
     fi
-    args=("$bin/tty_hub" "${args[@]}")
     if [ ${#notify[@]} -gt 0 ]; then
         # Steps send markers to it: notify_listen.py --send "$NOTIFY_SOCKET" TEXT.
         echo "export NOTIFY_SOCKET=${notify[0]}; $(q "$data/notify_listen.py" "${notify[0]}" /.sb/notify.log "${notify[2]}") 2>/.sb/notify.err &"
         echo 'n=0; until grep -qs listening /.sb/notify.log || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
-        args=(env "WATCHDOG_USEC=${notify[1]}" "${args[@]}")
+        daemon=(env "WATCHDOG_USEC=${notify[1]}" "${daemon[@]}")
     fi
     echo "$sim --pty /.sb/pty --log /.sb/stdout --dsp-log /.sb/dsp.log --dsp-rules /.sb/dsp.rules \\"
     echo "    --calls /.sb/standin.log --exit /.sb/exit -f /.sb/steps >/.sb/sim.out 2>&1 &"
     echo 'sim=$!'
     echo 'until [ -s /.sb/pty ] || ! kill -0 $sim 2>/dev/null; do sleep 0.01; done'
     echo "if [ -s /.sb/pty ]; then mount --bind \"\$(cat /.sb/pty)\" /dev/$port"
-    echo "  ( $(q "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
+    echo "  ( ${daemon[*]} $(q "$bin/tty_hub" "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
     echo "fi"
+    if [ ${#second[@]} -gt 0 ]; then
+        p2=ttyS2; [ "${second[0]}" = tool_sim ] || p2=ttyS1
+        : >"$root/dev/$p2"
+        echo "${second[0]} --pty /.sb/pty2 --log /.sb/stdout2 --dsp-log /.sb/dsp.log --exit /.sb/exit2 -f ${second[1]} >/.sb/sim2.out 2>&1 &"
+        echo 'sim2=$!; until [ -s /.sb/pty2 ] || ! kill -0 $sim2 2>/dev/null; do sleep 0.01; done'
+        echo "mount --bind \"\$(cat /.sb/pty2)\" /dev/$p2 && ( $(q "$bin/tty_hub" -p /dev/$p2) </dev/null >/.sb/stdout2 2>/.sb/stderr2; echo \$? >/.sb/exit2 ) &"
+    fi
     echo 'wait $sim; echo $? >/.sb/sim.status'
+    [ ${#second[@]} -eq 0 ] || echo 'wait $sim2; echo $? >/.sb/sim2.status'
 } >"$root/.sb/run.sh"
 
 bash "$sandbox" run --bind "$bin" --bind "$data" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
 status=$(cat "$root/.sb/sim.status" 2>/dev/null || echo "none (the sandbox failed)")
 verdict=0
 [ "$status" = 0 ] || verdict=1
-for f in stderr dsp.out sim.out; do
+[ ${#second[@]} -eq 0 ] || [ "$(cat "$root/.sb/sim2.status" 2>/dev/null)" = 0 ] || verdict=1
+for f in stderr dsp.out sim.out stderr2 sim2.out; do
     if grep -q -e Sanitizer -e 'runtime error:' "$root/.sb/$f" 2>/dev/null; then
         echo "== sanitizer report in $f"
         verdict=1
@@ -93,7 +106,7 @@ for f in stderr dsp.out sim.out; do
 done
 if [ $verdict -ne 0 ]; then
     echo "== $name: simulator exit status $status"
-    for f in sim.out stdout stderr dsp.out dsp.log standin.log sandbox.log; do
+    for f in sim.out stdout stderr sim2.out stdout2 dsp.out dsp.log standin.log sandbox.log; do
         [ -s "$root/.sb/$f" ] && { echo "== $f (last 40 lines)"; tail -n 40 "$root/.sb/$f"; }
     done
 fi

@@ -1,0 +1,6 @@
+# A wall clock that cannot be read and no DSP queue: the link still gives
+# up after its three seconds.
+@preload tests/libtime_broken.so
+@dsp none
+expect exit 255
+expect log "[DSPTOOL] Cannot get the message queue"
