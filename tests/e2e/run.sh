@@ -16,9 +16,18 @@ mcu) port=ttyS1 sim=mcu_sim ;;
 tool) port=ttyS2 sim=tool_sim ;;
 *) echo "$name: a scenario ends in .mcu or .tool" >&2; exit 2 ;;
 esac
-root=$bin/e2e-sandboxes/$name
+# TTY_HUB_DAEMON=PATH: the daemon to run instead of BUILD_DIR/tty_hub (a static
+# armhf build, which qemu-user runs through binfmt_misc); steps call it as tty_hub.
+daemon=$bin/tty_hub sets=e2e-sandboxes
+[ -z "${TTY_HUB_DAEMON:-}" ] || daemon=$(realpath "$TTY_HUB_DAEMON") sets=e2e-sandboxes-other
+root=$bin/$sets/$name
 rm -rf "$root"
-mkdir -p "$root/.sb"
+mkdir -p "$root/.sb/bin"
+ln -s "$daemon" "$root/.sb/bin/tty_hub"
+# A daemon built for another machine runs under qemu-user, where
+# "@emulated next|all REASON" skips the next step or the whole scenario.
+emulated= skip= skip_all= n=0
+[ "$(od -An -tx1 -j18 -N2 "$daemon")" = "$(od -An -tx1 -j18 -N2 /bin/sh)" ] || emulated=qemu-user
 bash "$sandbox" populate "$root" || exit 2
 : >"$root/dev/$port"
 
@@ -27,6 +36,7 @@ args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=()
 : >"$root/.sb/steps"
 while IFS= read -r line || [ -n "$line" ]; do
     read -ra w <<<"${line#@}"
+    n=$((n + 1))
     case $line in
     @args\ *) args+=("${w[@]:1}") ;;
     @exact*) args=("${w[@]:1}") ;;
@@ -43,16 +53,29 @@ while IFS= read -r line || [ -n "$line" ]; do
         p=${w[1]}
         case $p in /usr/*) f=$root/.sb/usr/${p#/usr/} ;; /bin/* | /sbin/*) f=$root/.sb/usr${p} ;; *) f=$root$p ;; esac
         mkdir -p "${f%/*}" && printf '#!/bin/sh\n%s\n' "${line#@program "$p" }" >"$f" && chmod 755 "$f" ;;
+    "@emulated next "*) skip=${line#@emulated next } ;;
+    "@emulated all "*) skip_all=${line#@emulated all } ;;
     @*) echo "$name: unknown runner line: $line" >&2; exit 2 ;;
+    [!#]*)
+        if [ -n "$emulated" ] && [ -n "$skip" ]; then
+            echo "$name line $n: skipped under $emulated: $skip"
+            line="#$line"
+        fi
+        skip= ;;
     esac
     # The simulator reads the runner's lines as comments, so its line numbers are the file's.
     [[ $line != @* ]] || line="#$line"
     printf '%s\n' "$line" >>"$root/.sb/steps"
 done <"$scenario"
+if [ -n "$emulated" ] && [ -n "$skip_all" ]; then
+    echo "$name: skipped under $emulated: $skip_all"
+    rm -rf "$root"
+    exit 77
+fi
 
 q() { printf '%q ' "$@"; }
 {
-    echo "cd / && export BIN=$(q "$bin") DATA=$(q "$data") && export PATH=\$BIN:\$BIN/tools:\$PATH"
+    echo "cd / && export BIN=$(q "$bin") DATA=$(q "$data") && export PATH=/.sb/bin:\$BIN:\$BIN/tools:\$PATH"
     echo ": >/.sb/stdout; : >/.sb/stderr; : >/.sb/dsp.log; set -e"
     printf '%s\n' "${setup[@]}"
     echo "set +e"
@@ -66,12 +89,12 @@ q() { printf '%q ' "$@"; }
     echo 'sim=$!'
     echo 'until [ -s /.sb/pty ] || ! kill -0 $sim 2>/dev/null; do sleep 0.01; done'
     echo "if [ -s /.sb/pty ]; then mount --bind \"\$(cat /.sb/pty)\" /dev/$port"
-    echo "  ( $(q "$bin/tty_hub" "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
+    echo "  ( $(q "$daemon" "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
     echo "fi"
     echo 'wait $sim; echo $? >/.sb/sim.status'
 } >"$root/.sb/run.sh"
 
-bash "$sandbox" run --bind "$bin" --bind "$data" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
+bash "$sandbox" run --bind "$bin" --bind "$data" --bind "${daemon%/*}" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
 status=$(cat "$root/.sb/sim.status" 2>/dev/null || echo "none (the sandbox failed)")
 verdict=0
 [ "$status" = 0 ] || verdict=1
