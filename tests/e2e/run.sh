@@ -16,24 +16,25 @@ mcu) port=ttyS1 sim=mcu_sim ;;
 tool) port=ttyS2 sim=tool_sim ;;
 *) echo "$name: a scenario ends in .mcu or .tool" >&2; exit 2 ;;
 esac
-# TTY_HUB_DAEMON=PATH: the daemon to run instead of BUILD_DIR/tty_hub (a static
-# armhf build, which qemu-user runs through binfmt_misc); steps call it as tty_hub.
-daemon=$bin/tty_hub sets=e2e-sandboxes
-[ -z "${TTY_HUB_DAEMON:-}" ] || daemon=$(realpath "$TTY_HUB_DAEMON") sets=e2e-sandboxes-other
-root=$bin/$sets/$name
+root=$bin/e2e-sandboxes${TTY_HUB_DAEMON:+-other}/$name
 rm -rf "$root"
-mkdir -p "$root/.sb/bin"
-ln -s "$daemon" "$root/.sb/bin/tty_hub"
-# A daemon built for another machine runs under qemu-user, where
-# "@emulated next|all REASON" skips the next step or the whole scenario.
-emulated= skip= skip_all= n=0
-[ "$(od -An -tx1 -j18 -N2 "$daemon")" = "$(od -An -tx1 -j18 -N2 /bin/sh)" ] || emulated=qemu-user
+mkdir -p "$root/.sb"
 bash "$sandbox" populate "$root" || exit 2
 : >"$root/dev/$port"
 
 : >"$root/.sb/dsp.rules"
 args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=()
 : >"$root/.sb/steps"
+# TTY_HUB_DAEMON=PATH: the daemon to run instead of BUILD_DIR/tty_hub (a static
+# armhf build, which qemu-user runs through binfmt_misc), bound over it inside
+# so that every step that starts tty_hub gets it. Built for another machine it
+# runs emulated, where "@emulated next|all REASON" skips the next step or the
+# whole scenario.
+hub=${TTY_HUB_DAEMON:+$(realpath "$TTY_HUB_DAEMON")} emulated= skip= skip_all= n=0
+if [ -n "$hub" ]; then
+    run+=(--bind "${hub%/*}")
+    [ "$(od -An -tx1 -j18 -N2 "$hub")" = "$(od -An -tx1 -j18 -N2 /bin/sh)" ] || emulated=qemu-user
+fi
 while IFS= read -r line || [ -n "$line" ]; do
     read -ra w <<<"${line#@}"
     n=$((n + 1))
@@ -75,7 +76,8 @@ fi
 
 q() { printf '%q ' "$@"; }
 {
-    echo "cd / && export BIN=$(q "$bin") DATA=$(q "$data") && export PATH=/.sb/bin:\$BIN:\$BIN/tools:\$PATH"
+    echo "cd / && export BIN=$(q "$bin") DATA=$(q "$data") && export PATH=\$BIN:\$BIN/tools:\$PATH"
+    [ -z "$hub" ] || echo "mount --bind $(q "$hub") $(q "$bin/tty_hub") || exit 2"
     echo ": >/.sb/stdout; : >/.sb/stderr; : >/.sb/dsp.log; set -e"
     printf '%s\n' "${setup[@]}"
     echo "set +e"
@@ -89,12 +91,12 @@ q() { printf '%q ' "$@"; }
     echo 'sim=$!'
     echo 'until [ -s /.sb/pty ] || ! kill -0 $sim 2>/dev/null; do sleep 0.01; done'
     echo "if [ -s /.sb/pty ]; then mount --bind \"\$(cat /.sb/pty)\" /dev/$port"
-    echo "  ( $(q "$daemon" "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
+    echo "  ( $(q "$bin/tty_hub" "${args[@]}") </dev/null >/.sb/stdout 2>/.sb/stderr; echo \$? >/.sb/exit.tmp; mv /.sb/exit.tmp /.sb/exit ) &"
     echo "fi"
     echo 'wait $sim; echo $? >/.sb/sim.status'
 } >"$root/.sb/run.sh"
 
-bash "$sandbox" run --bind "$bin" --bind "$data" --bind "${daemon%/*}" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
+bash "$sandbox" run --bind "$bin" --bind "$data" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
 status=$(cat "$root/.sb/sim.status" 2>/dev/null || echo "none (the sandbox failed)")
 verdict=0
 [ "$status" = 0 ] || verdict=1
