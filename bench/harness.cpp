@@ -1,5 +1,5 @@
 #include "bench/harness.h"
-#include "tools/dsp_rules.h"
+#include "tools/sim/rules.h"
 
 #include <algorithm>
 #include <atomic>

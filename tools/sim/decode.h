@@ -5,7 +5,7 @@
 #pragma once
 #include <sys/stat.h>
 
-#include "tools/sim_port.h"
+#include "tools/sim/port.h"
 
 namespace sim {
 

@@ -3,8 +3,8 @@
 // `tool_sim --help` lists the steps, options and examples.
 #include <cmath>
 
-#include "tools/sim_decode.h"
-#include "tools/sim_script.h"
+#include "tools/sim/decode.h"
+#include "tools/sim/script.h"
 
 namespace {
 

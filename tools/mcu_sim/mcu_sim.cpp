@@ -1,8 +1,8 @@
 // mcu_sim: plays the product's host microcontroller on the MCU serial link,
 // runs test scenarios against the daemon, and decodes captured MCU traffic.
 // `mcu_sim --help` lists the steps, fields, options and examples.
-#include "tools/sim_decode.h"
-#include "tools/sim_script.h"
+#include "tools/sim/decode.h"
+#include "tools/sim/script.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tools/dsp_rules.h"
+#include "tools/sim/rules.h"
 
 #ifndef TTY_HUB_VERSION
 #define TTY_HUB_VERSION "1.0"

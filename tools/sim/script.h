@@ -8,8 +8,8 @@
 #include <optional>
 #include <sys/wait.h>
 
-#include "tools/dsp_rules.h"
-#include "tools/sim_port.h"
+#include "tools/sim/rules.h"
+#include "tools/sim/port.h"
 
 #ifndef TTY_HUB_VERSION
 #define TTY_HUB_VERSION "1.0"
