@@ -11,9 +11,11 @@ set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd)
 build=${BENCH_BUILD_DIR:-$src/build-bench}
 cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTTY_HUB_BENCH=ON -DTTY_HUB_TESTS=OFF >/dev/null
-make -C "$build" -j2 --no-print-directory bench_digest bench_daemon 2>&1 | grep -E "error|warning" || true
+make -C "$build" -j2 --no-print-directory bench_digest bench_daemon bench_verify 2>&1 | grep -E "error|warning" || true
 min_time=0.5
 [ "${1:-}" = --quick ] && min_time=0.1
 "$build/bench/bench_digest" --benchmark_min_time="$min_time"
+echo
+"$build/bench/bench_verify"
 echo
 "$build/bench/bench_daemon" "$@"
