@@ -1,7 +1,7 @@
 # The tuning tool goes away: as on the MCU link, one line, exit status 1, and
 # no spinning between the hang-up and the exit.
 probe
-sh p=$(pidof tty_hub) && echo $p $(awk '{print $14 + $15}' /proc/$p/stat) >/tmp/cpu
+sh p=$(pgrep -x tty_hub) && echo $p $(awk '{print $14 + $15}' /proc/$p/stat) >/tmp/cpu
 hangup
 expect log "[MCUIF CORE] /dev/ttyS2 hung up ("
 sh bash $DATA/exit_cpu.sh 100

@@ -16,7 +16,7 @@ mcu) port=ttyS1 sim=mcu_sim ;;
 tool) port=ttyS2 sim=tool_sim ;;
 *) echo "$name: a scenario ends in .mcu or .tool" >&2; exit 2 ;;
 esac
-root=$bin/e2e-sandboxes/$name
+root=$bin/e2e-sandboxes${TTY_HUB_DAEMON:+-other}/$name
 rm -rf "$root"
 mkdir -p "$root/.sb"
 bash "$sandbox" populate "$root" || exit 2
@@ -25,8 +25,19 @@ bash "$sandbox" populate "$root" || exit 2
 : >"$root/.sb/dsp.rules"
 args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=() second=() daemon=() notify=()
 : >"$root/.sb/steps"
+# TTY_HUB_DAEMON=PATH: the daemon to run instead of BUILD_DIR/tty_hub (a static
+# armhf build, which qemu-user runs through binfmt_misc), bound over it inside
+# so that every step that starts tty_hub gets it. Built for another machine it
+# runs emulated, where "@emulated next|all REASON" skips the next step or the
+# whole scenario.
+hub=${TTY_HUB_DAEMON:+$(realpath "$TTY_HUB_DAEMON")} emulated= skip= skip_all= n=0
+if [ -n "$hub" ]; then
+    run+=(--bind "${hub%/*}")
+    [ "$(od -An -tx1 -j18 -N2 "$hub")" = "$(od -An -tx1 -j18 -N2 /bin/sh)" ] || emulated=qemu-user
+fi
 while IFS= read -r line || [ -n "$line" ]; do
     read -ra w <<<"${line#@}"
+    n=$((n + 1))
     case $line in
     @args\ *) args+=("${w[@]:1}") ;;
     @exact*) args=("${w[@]:1}") ;;
@@ -51,16 +62,30 @@ while IFS= read -r line || [ -n "$line" ]; do
         p=${w[1]}
         case $p in /usr/*) f=$root/.sb/usr/${p#/usr/} ;; /bin/* | /sbin/*) f=$root/.sb/usr${p} ;; *) f=$root$p ;; esac
         mkdir -p "${f%/*}" && printf '#!/bin/sh\n%s\n' "${line#@program "$p" }" >"$f" && chmod 755 "$f" ;;
+    "@emulated next "*) skip=${line#@emulated next } ;;
+    "@emulated all "*) skip_all=${line#@emulated all } ;;
     @*) echo "$name: unknown runner line: $line" >&2; exit 2 ;;
+    [!#]*)
+        if [ -n "$emulated" ] && [ -n "$skip" ]; then
+            echo "$name line $n: skipped under $emulated: $skip"
+            line="#$line"
+        fi
+        skip= ;;
     esac
     # The simulator reads the runner's lines as comments, so its line numbers are the file's.
     [[ $line != @* ]] || line="#$line"
     printf '%s\n' "$line" >>"$root/.sb/steps"
 done <"$scenario"
+if [ -n "$emulated" ] && [ -n "$skip_all" ]; then
+    echo "$name: skipped under $emulated: $skip_all"
+    rm -rf "$root"
+    exit 77
+fi
 
 q() { printf '%q ' "$@"; }
 {
     echo "cd / && export BIN=$(q "$bin") DATA=$(q "$data") && export PATH=\$BIN:\$BIN/tools:\$PATH"
+    [ -z "$hub" ] || echo "mount --bind $(q "$hub") $(q "$bin/tty_hub") || exit 2"
     echo ": >/.sb/stdout; : >/.sb/stderr; : >/.sb/dsp.log; set -e"
     printf '%s\n' "${setup[@]}"
     echo "set +e"

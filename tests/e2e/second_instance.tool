@@ -5,6 +5,6 @@ sh stty -F /dev/ttyS2 -a >/tmp/before
 sh timeout 10 tty_hub -p /dev/ttyS2 -b 9600 -P odd >/tmp/second 2>&1; test $? = 1
 sh grep -qx "/dev/ttyS2 is in use by another process" /tmp/second
 sh stty -F /dev/ttyS2 -a | cmp - /tmp/before
-sh test "$(pidof tty_hub | wc -w)" = 1
+sh test "$(pgrep -x tty_hub | wc -l)" = 1
 send "mon"
 expect reply "MN>"

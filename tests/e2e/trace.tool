@@ -3,7 +3,7 @@
 @args --trace /tmp/traces/ttyS2
 probe
 expect log "[MCUIF CORE] trace /tmp/traces/ttyS2: cannot open: No such file or directory"
-sh mkdir /tmp/traces && kill -HUP $(pidof tty_hub)
+sh mkdir /tmp/traces && kill -HUP $(pgrep -x tty_hub)
 expect file /tmp/traces/ttyS2 "# tty_hub port trace"
 capture /tmp/sent /tmp/received
 send "dsp delay 2 100 192\n"

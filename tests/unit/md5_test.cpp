@@ -48,7 +48,7 @@ TEST(Md5, Rfc1321SuiteSplitFeedsEmptyUpdateAndCountCarry)
     std::string buf(10001, '\0');
     for (size_t i = 0; i < 10000; ++i) buf[i + 1] = static_cast<char>((i * 7 + 3) & 255);
     std::string_view text = std::string_view(buf).substr(1);
-    for (size_t piece : {SIZE_MAX, 1ul, 55ul, 56ul, 63ul, 64ul, 4096ul})
+    for (size_t piece : std::initializer_list<size_t>{SIZE_MAX, 1, 55, 56, 63, 64, 4096})
         EXPECT_EQ(md5_of(text, piece), "941546d1c333e2f0d9efd902e5cb94b7") << piece;
 
     md5_context ctx, before;
