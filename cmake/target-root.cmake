@@ -21,8 +21,8 @@ if(TTY_HUB_SYSROOT)
   set(ENV{PKG_CONFIG_LIBDIR} "${_tty_hub_root}/usr/lib/${_tty_hub_triple}/pkgconfig:${_tty_hub_root}/usr/share/pkgconfig")
   set(ENV{PKG_CONFIG_SYSROOT_DIR} "${_tty_hub_root}")
   # Debian keeps the headers that differ between architectures
-  # (openssl/configuration.h) in /usr/include/TRIPLE, which the compiler
-  # searches on the host only.
+  # (openssl/configuration.h) in /usr/include/TRIPLE, which the cross
+  # compiler searches in the host's /usr only.
   set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES "${_tty_hub_root}/usr/include/${_tty_hub_triple}")
   set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${_tty_hub_root}/usr/include/${_tty_hub_triple}")
 else()
