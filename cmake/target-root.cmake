@@ -14,8 +14,10 @@ if(TTY_HUB_SYSROOT)
     message(FATAL_ERROR "TTY_HUB_SYSROOT=${TTY_HUB_SYSROOT} holds no usr/lib/${_tty_hub_triple}: "
       "unpack the target's packages there (apt-get download libssl-dev:ARCH libssl3:ARCH; dpkg-deb -x)")
   endif()
-  # try_compile projects read this file again, with the environment only.
+  # try_compile projects read this file again, with the environment only;
+  # CMakeLists.txt checks that libcrypto came from here.
   set(ENV{TTY_HUB_SYSROOT} "${_tty_hub_root}")
+  set(TTY_HUB_SYSROOT "${_tty_hub_root}")
   # The cross compiler's own root stays: it holds the target's C library.
   set(CMAKE_FIND_ROOT_PATH "${_tty_hub_root}" /usr/${_tty_hub_triple})
   set(ENV{PKG_CONFIG_LIBDIR} "${_tty_hub_root}/usr/lib/${_tty_hub_triple}/pkgconfig:${_tty_hub_root}/usr/share/pkgconfig")
