@@ -59,9 +59,8 @@ ssize_t serial_read_live(void* buf, size_t len)
 
 ssize_t serial_write(const void* buf, size_t len)
 {
-    ssize_t r = write(serial_fd, buf, len);
-    if (r > 0) trace_bytes(trace_dir::tx, buf, static_cast<size_t>(r));
-    return r;
+    if (trace_on) return trace_write(serial_fd, buf, len);
+    return write(serial_fd, buf, len);
 }
 
 int baud_to_speed(int rate)

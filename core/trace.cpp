@@ -182,6 +182,23 @@ void trace_bytes(trace_dir dir, const void* buf, size_t len)
     pthread_setcancelstate(old, nullptr);
 }
 
+ssize_t trace_write(int fd, const void* buf, size_t len)
+{
+    static std::mutex wire_order;
+    int old;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+    ssize_t r;
+    {
+        std::lock_guard g(wire_order);
+        r = write(fd, buf, len);
+        int err = errno;
+        if (r > 0) trace_bytes(trace_dir::tx, buf, static_cast<size_t>(r));
+        errno = err;
+    }
+    pthread_setcancelstate(old, nullptr);
+    return r;
+}
+
 void trace_flush_now()
 {
     if (trace_on) flush_pending();

@@ -8,6 +8,7 @@
 // milliseconds, so the link never waits on the file; SIGHUP reopens it.
 #pragma once
 #include <cstddef>
+#include <sys/types.h>
 
 // True once trace_start has succeeded, whether the file opened or not.
 extern bool trace_on;
@@ -19,8 +20,13 @@ enum class trace_dir { rx, tx };
 // starts once a SIGHUP finds it writable.
 void trace_start(const char* path);
 
-// Called by the raw port operations for what one read or write moved.
+// Called by the raw port operations for what one read moved.
 void trace_bytes(trace_dir dir, const void* buf, size_t len);
+
+// One write on fd and its record, as one piece against other writing
+// threads, so that the trace holds their bytes in the order of the wire.
+// No cancellation lands in it. errno is write's.
+ssize_t trace_write(int fd, const void* buf, size_t len);
 
 // Writes out what is buffered, for the ends of the process that come before
 // the writer would.
