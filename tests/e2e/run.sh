@@ -21,6 +21,8 @@ rm -rf "$root"
 mkdir -p "$root/.sb"
 bash "$sandbox" populate "$root" || exit 2
 : >"$root/dev/$port"
+# The scenario's expected output, when it has one: /.sb/expected.out inside.
+[ ! -e "${scenario%.*}.out" ] || cp "${scenario%.*}.out" "$root/.sb/expected.out"
 
 : >"$root/.sb/dsp.rules"
 args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=()

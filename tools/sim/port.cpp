@@ -249,6 +249,16 @@ bytes port::take_front(size_t n)
     return out;
 }
 
+bool port::peer(peer_settings& out) const
+{
+    termios t{};
+    if (is_terminal || fd < 0 || tcgetattr(fd, &t) != 0) return false;
+    out = {0, t.c_cc[VMIN], t.c_cc[VTIME]};
+    for (const auto& c : speed_constants)
+        if (c.constant == cfgetospeed(&t)) out.rate = c.rate;
+    return true;
+}
+
 void port::hang_up()
 {
     if (fd >= 0) close(fd);

@@ -54,6 +54,13 @@ int open_terminal(const std::string& dev, const line_settings& l);
 // plain rate); false with errno set if the terminal refuses it.
 bool set_speed(int fd, long rate);
 
+// The daemon's end of a pseudo-terminal as it set it up: its speed in baud
+// (0 if no rate of the daemon's), VMIN and VTIME.
+struct peer_settings {
+    long rate;
+    int vmin, vtime;
+};
+
 struct port {
     const char* tag = "[sim]";
     int fd = -1;
@@ -76,6 +83,9 @@ struct port {
     // The first n bytes of the inbox (n at most its size).
     bytes take_front(size_t n);
     void hang_up();
+    // The settings of the other end of a pseudo-terminal (the master sees the
+    // slave's); false on a terminal, whose settings are ours.
+    bool peer(peer_settings& out) const;
 };
 
 }  // namespace sim
