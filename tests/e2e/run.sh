@@ -25,7 +25,7 @@ bash "$sandbox" populate "$root" || exit 2
 [ ! -e "${scenario%.*}.out" ] || cp "${scenario%.*}.out" "$root/.sb/expected.out"
 
 : >"$root/.sb/dsp.rules"
-args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=()
+args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=() peer=()
 : >"$root/.sb/steps"
 while IFS= read -r line || [ -n "$line" ]; do
     read -ra w <<<"${line#@}"
@@ -38,6 +38,8 @@ while IFS= read -r line || [ -n "$line" ]; do
     @tmpfs\ *) run+=(--tmpfs "${w[1]}:${w[2]}") ;;
     @standin\ *) bash "$sandbox" standin "$root" "${w[1]}" "${w[2]:-0}" || exit 2 ;;
     @setup\ *) setup+=("${line#@setup }") ;;
+    # @peer PROGRAM ARG...: plays the link in the simulator's place (a benchmark).
+    @peer\ *) peer=("${w[@]:1}") ;;
     # @rule KIND|FIELD|...: a line of dsp_sim's rules file, TAB-separated.
     @rule\ *) r=${line#@rule }; printf '%s\n' "${r//|/$'\t'}" >>"$root/.sb/dsp.rules" ;;
     # @program PATH BODY: a stand-in program of the scenario's own making.
@@ -63,8 +65,12 @@ q() { printf '%q ' "$@"; }
         # The daemon waits only 3 s for the queue: start it once the queue is there.
         [ "${dsp[0]}" != --ready ] || echo 'n=0; until [ -e /.sb/dsp.ready ] || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
     fi
-    echo "$sim --pty /.sb/pty --log /.sb/stdout --dsp-log /.sb/dsp.log --dsp-rules /.sb/dsp.rules \\"
-    echo "    --calls /.sb/standin.log --exit /.sb/exit -f /.sb/steps >/.sb/sim.out 2>&1 &"
+    if [ ${#peer[@]} -gt 0 ]; then
+        echo "$(q "${peer[@]}") --pty /.sb/pty >/.sb/sim.out 2>&1 &"
+    else
+        echo "$sim --pty /.sb/pty --log /.sb/stdout --dsp-log /.sb/dsp.log --dsp-rules /.sb/dsp.rules \\"
+        echo "    --calls /.sb/standin.log --exit /.sb/exit -f /.sb/steps >/.sb/sim.out 2>&1 &"
+    fi
     echo 'sim=$!'
     echo 'until [ -s /.sb/pty ] || ! kill -0 $sim 2>/dev/null; do sleep 0.01; done'
     echo "if [ -s /.sb/pty ]; then mount --bind \"\$(cat /.sb/pty)\" /dev/$port"
@@ -75,6 +81,8 @@ q() { printf '%q ' "$@"; }
 
 bash "$sandbox" run --bind "$bin" --bind "$data" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
 status=$(cat "$root/.sb/sim.status" 2>/dev/null || echo "none (the sandbox failed)")
+# E2E_SHOW=1: what the simulator or peer printed, also when it passed.
+[ -z "${E2E_SHOW:-}" ] || cat "$root/.sb/sim.out"
 verdict=0
 [ "$status" = 0 ] || verdict=1
 for f in stderr dsp.out sim.out; do

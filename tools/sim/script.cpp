@@ -7,7 +7,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <regex>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -235,9 +234,10 @@ bool put_file(session& s, const std::string& path, const std::string& text)
 // A daemon log line that tells of a failure.
 bool failure_line(const std::string& line)
 {
-    static const std::regex failure("fail|error|wrong|cannot|can not|timeout|not found|invalid|hung up",
-                                    std::regex::icase | std::regex::nosubs);
-    return std::regex_search(line, failure);
+    static const char* const words[] = {"fail", "error", "wrong", "cannot", "can not", "timeout", "not found", "invalid", "hung up"};
+    std::string lower(line);
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });
+    return std::any_of(std::begin(words), std::end(words), [&](const char* w) { return lower.find(w) != std::string::npos; });
 }
 
 }  // namespace
