@@ -51,6 +51,28 @@ check 0 '      20  tool    line "dsp x\n"' tool_sim --decode --tool /tmp/x
 printf '\001\002MN>[ok]\000' >/tmp/x
 check 0 '       2  daemon  "MN>"' tool_sim --decode --daemon /tmp/x
 
+# Interactive (a terminal on standard input): an expectation looks at what
+# came since the step before it, not at the session's first DSP command.
+printf 'dsp a\\n\n' >/tmp/dsp.log
+python3 -c 'import os, pty, select, subprocess, time
+m, s = pty.openpty()
+p = subprocess.Popen(["mcu_sim", "--pty", "/tmp/ipty", "--dsp-log", "/tmp/dsp.log"], stdin=s, stdout=s, stderr=s)
+out = b""
+def prompts(n):
+    global out
+    end = time.time() + 10
+    while out.count(b"mcu_sim> ") < n and time.time() < end:
+        if select.select([m], [], [], 0.1)[0]: out += os.read(m, 4096)
+os.write(m, b"ignore none\n")
+prompts(2)
+open("/tmp/dsp.log", "a").write("dsp b\\n\n")
+os.write(m, b"expect dsp \"dsp b\\n\"\n")
+prompts(3)
+os.write(m, b"\x04")
+p.wait(10)
+print(out.decode(errors="replace"))' >/tmp/out 2>&1
+grep -q 'seen dsp "dsp b\\n"' /tmp/out || { echo "interactive expect dsp: $(cat /tmp/out)"; failed=1; }
+
 # Line speeds on a terminal, as the simulator asks the kernel for them (a
 # pseudo-terminal keeps none of them for the peer to see): the link's rate,
 # 460800 once "ota mcu" is out, and back when no call comes.
