@@ -6,6 +6,8 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include "update/upgrade_format.h"
+
 inline constexpr const char* OTA_PACKAGE_PATH = "/user/OTA_UPG.bin";
 inline constexpr const char* OTA_PACKAGE_DIR = "/user";
 inline constexpr const char* OTA_TMP_PATH = "/tmp/OTA_UPG.bin";
@@ -14,9 +16,6 @@ inline constexpr const char* OTA_NEW_PATH = "/user/OTA_UPG.bin.tmp";
 // Bound of the wait for the device to take "ok".
 inline constexpr int OTA_OK_WAIT_MS = 2000;
 inline constexpr const char* OTA_DEVICE_PATH = "/dev/vmb_ota";
-inline constexpr size_t OTA_BLOCK = 4096;
-// The MCU section starts here; READ offsets count from it.
-inline constexpr uint32_t OTA_MCU_SECTION = 2048;
 
 // OTA state frame (0x23) values.
 inline constexpr int OTA_STATE_FAIL = 2;

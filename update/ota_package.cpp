@@ -30,7 +30,7 @@ int ota_read_header_locked()
         printf("[MCU IF] read OTA file header failed: %s\n", io_error_text(r));
         return -1;
     }
-    if (lseek(fd.get(), 12, SEEK_SET) != 12) {
+    if (lseek(fd.get(), OTA_DIGEST_POS, SEEK_SET) != OTA_DIGEST_POS) {
         puts("[MCU IF] read OTA file MCU digest failed: lseek");
         return -1;
     }

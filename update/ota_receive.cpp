@@ -47,7 +47,7 @@ int receive_blocks(int dev, int tmp, uint8_t* buf)
 // points while checking, not once the delivery has begun.
 int file_crc(int fd, uint8_t* buf, uint32_t& field, uint32_t& crc, bool cancellable)
 {
-    if (lseek(fd, 8, SEEK_SET) != 8) {
+    if (lseek(fd, OTA_CRC_POS, SEEK_SET) != OTA_CRC_POS) {
         puts("[MCU IF] receive OTA file failed: lseek");
         return OTA_RESULT_IO;
     }

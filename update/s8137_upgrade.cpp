@@ -15,12 +15,8 @@
 
 namespace {
 
-constexpr size_t DIGEST_SIZE = 16;
-constexpr size_t DIR_SIZE = 512;
-constexpr size_t ENTRY_SIZE = 40;
-constexpr size_t NAME_SIZE = 32;
 // Whole entries that fit the directory; a list without an end stops here.
-constexpr size_t MAX_ENTRIES = DIR_SIZE / ENTRY_SIZE;
+constexpr size_t MAX_ENTRIES = S8137_MAX_IMAGES;
 
 // The name of an entry becomes a file directly in /tmp: it must end inside
 // its field, hold no "/", and be neither "." nor "..". The list's end rule
@@ -29,14 +25,14 @@ constexpr size_t MAX_ENTRIES = DIR_SIZE / ENTRY_SIZE;
 bool image_name_ok(const uint8_t* entry, size_t number)
 {
     const char* name = reinterpret_cast<const char*>(entry);
-    size_t len = strnlen(name, NAME_SIZE);
-    if (len == NAME_SIZE) {
+    size_t len = strnlen(name, S8137_NAME);
+    if (len == S8137_NAME) {
         printf("[MCU IF] S8137 image %zu: name without end\n", number);
         return false;
     }
     std::string_view view(name, len);
     if (view.find('/') == std::string_view::npos && view != "." && view != "..") return true;
-    char shown[NAME_SIZE];
+    char shown[S8137_NAME];
     for (size_t i = 0; i <= len; ++i) {
         auto c = static_cast<unsigned char>(name[i]);
         shown[i] = i < len && (c < 0x20 || c >= 0x7F) ? '?' : name[i];
@@ -49,8 +45,8 @@ bool image_name_ok(const uint8_t* entry, size_t number)
 // before length bytes means the image runs past the package: a read failure.
 int unpack_image(int pkg, const uint8_t* entry, uint32_t section, uint8_t* block)
 {
-    uint32_t offset = get_be32(entry + NAME_SIZE);
-    uint32_t length = get_be32(entry + NAME_SIZE + 4);
+    uint32_t offset = get_be32(entry + S8137_NAME);
+    uint32_t length = get_be32(entry + S8137_NAME + 4);
     char path[40];
     snprintf(path, sizeof path, "/tmp/%.31s", reinterpret_cast<const char*>(entry));
 
@@ -111,7 +107,7 @@ int unpack_s8137(uint8_t* block)
         return -1;
     }
     // A section too short for its own digest cannot be checked.
-    if (s8137_length < DIGEST_SIZE) {
+    if (s8137_length < S8137_DIGEST) {
         puts("[MCU IF] S8137 OTA file check error");
         return -1;
     }
@@ -122,15 +118,15 @@ int unpack_s8137(uint8_t* block)
     }
     // Short reads of the digest or the directory leave nothing sound to use:
     // they count as failures.
-    uint8_t stored[DIGEST_SIZE];
-    ssize_t r = read_full(pkg.get(), stored, DIGEST_SIZE);
-    if (r != DIGEST_SIZE) {
+    uint8_t stored[S8137_DIGEST];
+    ssize_t r = read_full(pkg.get(), stored, S8137_DIGEST);
+    if (r != S8137_DIGEST) {
         printf("[MCU IF] read failed: %s\n", io_error_text(r));
         return -1;
     }
     md5_context ctx;
     md5_init(&ctx);
-    for (uint32_t left = s8137_length - DIGEST_SIZE; left != 0;) {
+    for (uint32_t left = s8137_length - S8137_DIGEST; left != 0;) {
         size_t n = left < OTA_BLOCK ? left : OTA_BLOCK;
         r = read_full(pkg.get(), block, n);
         if (r != static_cast<ssize_t>(n)) {
@@ -140,29 +136,29 @@ int unpack_s8137(uint8_t* block)
         md5_update(&ctx, block, n);
         left -= static_cast<uint32_t>(n);
     }
-    uint8_t digest[DIGEST_SIZE];
+    uint8_t digest[S8137_DIGEST];
     md5_final(&ctx, digest);
-    if (memcmp(digest, stored, DIGEST_SIZE) != 0) {
+    if (memcmp(digest, stored, S8137_DIGEST) != 0) {
         puts("[MCU IF] S8137 OTA file check error");
         return -1;
     }
-    const off_t directory_pos = file_pos(s8137_offset, DIGEST_SIZE);
+    const off_t directory_pos = file_pos(s8137_offset, S8137_DIGEST);
     if (lseek(pkg.get(), directory_pos, SEEK_SET) != directory_pos) {
         printf("[MCU IF] lseek failed: %s\n", strerror(errno));
         return -1;
     }
-    uint8_t directory[DIR_SIZE];
-    r = read_full(pkg.get(), directory, DIR_SIZE);
-    if (r != DIR_SIZE) {
+    uint8_t directory[S8137_DIR];
+    r = read_full(pkg.get(), directory, S8137_DIR);
+    if (r != S8137_DIR) {
         printf("[MCU IF] read failed: %s\n", io_error_text(r));
         return -1;
     }
     // Every name is checked before any file is made.
     size_t entries = 0;
-    for (; entries < MAX_ENTRIES && directory[entries * ENTRY_SIZE] != 0; ++entries)
-        if (!image_name_ok(directory + entries * ENTRY_SIZE, entries + 1)) return -1;
+    for (; entries < MAX_ENTRIES && directory[entries * S8137_ENTRY] != 0; ++entries)
+        if (!image_name_ok(directory + entries * S8137_ENTRY, entries + 1)) return -1;
     for (size_t i = 0; i < entries; ++i)
-        if (unpack_image(pkg.get(), directory + i * ENTRY_SIZE, s8137_offset, block) != 0) return -1;
+        if (unpack_image(pkg.get(), directory + i * S8137_ENTRY, s8137_offset, block) != 0) return -1;
     return 0;
 }
 

@@ -18,10 +18,6 @@ namespace {
 
 constexpr const char* FN = "handler_udisk_upg_control";
 constexpr const char* TMP_PATH = "/tmp/udisk_upg_tmp";
-constexpr uint32_t TABLE_POS = 0x100880;
-constexpr size_t RECORD_SIZE = 128;
-constexpr int RECORDS_READ = 11;
-constexpr int RECORDS_MATCHED = 10;
 constexpr int USER_DATA_MTD = 9;
 
 // Frame statuses.
@@ -49,21 +45,21 @@ void send_upg_state(uint8_t status, uint8_t percent)
 bool name_matches(const uint8_t* record, const char* name)
 {
     size_t len = strlen(name);
-    return strnlen(reinterpret_cast<const char*>(record), 32) == len && !memcmp(record, name, len);
+    return strnlen(reinterpret_cast<const char*>(record), USB_NAME) == len && !memcmp(record, name, len);
 }
 
 // 1 with the image's fields filled, 0 for no match, -1 for a read error.
 int find_record(int disk, uint8_t* block, upg_image& img)
 {
-    for (int i = 0; i < RECORDS_READ; ++i) {
-        ssize_t r = read_full(disk, block, RECORD_SIZE);
+    for (size_t i = 0; i < USB_RECORDS_READ; ++i) {
+        ssize_t r = read_full(disk, block, USB_RECORD);
         if (r < 0) return -1;
         // A record read short has nothing to compare.
-        if (r < static_cast<ssize_t>(RECORD_SIZE)) return 0;
-        if (i < RECORDS_MATCHED && name_matches(block, img.name)) {
-            memcpy(img.md5_text, block + 32, sizeof img.md5_text);
-            img.offset = get_le32(block + 68);
-            img.length = static_cast<int32_t>(get_le32(block + 72));
+        if (r < static_cast<ssize_t>(USB_RECORD)) return 0;
+        if (i < USB_RECORDS_MATCHED && name_matches(block, img.name)) {
+            memcpy(img.md5_text, block + USB_NAME, sizeof img.md5_text);
+            img.offset = get_le32(block + USB_OFFSET);
+            img.length = static_cast<int32_t>(get_le32(block + USB_LENGTH));
             return 1;
         }
     }
@@ -145,13 +141,13 @@ uint8_t udisk_upgrade(uint32_t base, const char* path, uint8_t& percent)
         printf("[MCU IF] open tmp file for USB upgrade failed: %s\n", strerror(errno));
         return UPG_FAIL_EARLY;
     }
-    upg_image images[2] = {{"kernel", 7, 0, 0, {}}, {"rootfs", 8, 0, 0, {}}};
+    upg_image images[2] = {{USB_IMAGE_NAMES[0], 7, 0, 0, {}}, {USB_IMAGE_NAMES[1], 8, 0, 0, {}}};
     for (int k = 0; k < 2; ++k) {
         upg_image& img = images[k];
         // Table failures of rootfs come after kernel is written: they are
         // image failures at the percent reached, never a progress status.
         uint8_t table_fail = k == 0 ? UPG_FAIL_EARLY : UPG_FAIL_IMAGE;
-        off_t table = file_pos(base, TABLE_POS);
+        off_t table = file_pos(base, USB_TABLE);
         if (lseek(disk.get(), table, SEEK_SET) != table) {
             printf("[MCU IF] %s(%d) lseek failed: %s\n", FN, 2302, strerror(errno));
             return table_fail;

@@ -8,7 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "tools/pkg_format.h"
+#include "tools/pkg/pkg_format.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size == 0) return 0;
     int fd = memfd_create("pkg", 0);
     bool usb = data[0] & 1;
-    if (fd < 0 || pwrite(fd, data + 1, size - 1, usb ? pkg::USB_TABLE : 0) != static_cast<ssize_t>(size - 1)) abort();
+    if (fd < 0 || pwrite(fd, data + 1, size - 1, usb ? USB_TABLE : 0) != static_cast<ssize_t>(size - 1)) abort();
     pkg::inspect_options options;
     if (usb && !(data[0] & 2)) options.what = pkg::kind::usb;
     pkg::finding first;

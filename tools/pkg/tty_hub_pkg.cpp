@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tools/pkg_format.h"
+#include "tools/pkg/pkg_format.h"
 #include "core/byte_order.h"
 #include "update/fd_io.h"
 #include "update/md5.h"
@@ -137,7 +137,7 @@ struct input {
     // when given. A file that changed size meanwhile is refused.
     void copy_to(int out, const std::string& out_path, uint64_t pos, md5_context* md5) const
     {
-        uint8_t block[BLOCK];
+        uint8_t block[OTA_BLOCK];
         uint64_t done = 0;
         for (;;) {
             ssize_t r = read(fd.get(), block, sizeof block);
@@ -198,7 +198,7 @@ uint32_t crc_of(int fd, const std::string& path, uint64_t pos)
     uint32_t table[256], lanes[8][256];
     ota_crc_build_table(table, lanes);
     uint32_t value = 0;
-    uint8_t block[BLOCK];
+    uint8_t block[OTA_BLOCK];
     for (;;) {
         ssize_t r = pread(fd, block, sizeof block, static_cast<off_t>(pos));
         if (r < 0 && errno == EINTR) continue;

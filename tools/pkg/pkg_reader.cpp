@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "core/byte_order.h"
-#include "tools/pkg_format.h"
+#include "tools/pkg/pkg_format.h"
 #include "update/md5.h"
 
 namespace pkg {
@@ -72,9 +72,9 @@ public:
     // Feeds [pos, pos + len) block by block; never the whole range at once.
     void stream(uint64_t pos, uint64_t len, const std::function<void(const uint8_t*, size_t)>& feed)
     {
-        uint8_t block[BLOCK];
+        uint8_t block[OTA_BLOCK];
         while (len != 0) {
-            size_t n = static_cast<size_t>(std::min<uint64_t>(len, BLOCK));
+            size_t n = static_cast<size_t>(std::min<uint64_t>(len, OTA_BLOCK));
             get(pos, block, n);
             feed(block, n);
             pos += n;
@@ -247,7 +247,7 @@ bool inspector::usb_table_at(uint64_t base)
     for (size_t s = 0; s < USB_RECORDS_MATCHED && table + (s + 1) * USB_RECORD <= size_; ++s) {
         char name[USB_NAME];
         get(table + s * USB_RECORD, name, sizeof name);
-        for (const char* want : USB_IMAGES)
+        for (const char* want : USB_IMAGE_NAMES)
             if (strnlen(name, USB_NAME) == strlen(want) && !memcmp(name, want, strlen(want))) return true;
     }
     return false;
@@ -266,10 +266,10 @@ bool inspector::find_usb_base(uint32_t& base)
         return r[0] != 0 && end && printable(r, static_cast<const uint8_t*>(end) - r) && printable(r + USB_NAME, USB_MD5_TEXT);
     };
     constexpr size_t WINDOW = USB_NAME + USB_MD5_TEXT;
-    uint8_t buf[BLOCK + WINDOW];
+    uint8_t buf[OTA_BLOCK + WINDOW];
     size_t carry = 0;
     for (uint64_t pos = USB_TABLE; pos < size_;) {
-        size_t n = static_cast<size_t>(std::min<uint64_t>(size_ - pos, BLOCK));
+        size_t n = static_cast<size_t>(std::min<uint64_t>(size_ - pos, OTA_BLOCK));
         get(pos, buf + carry, n);
         size_t have = carry + n;
         uint64_t start = pos - carry;
@@ -316,7 +316,7 @@ void inspector::check_usb(uint32_t base)
                         (s < USB_RECORDS_MATCHED ? "" : " (the 11th record: never matched)"));
         if (!memchr(r, 0, USB_NAME)) wrong(field + " name", "no 0 byte within its 32 bytes");
     }
-    for (const char* name : USB_IMAGES) check_usb_image(name, records, std::min(count, USB_RECORDS_MATCHED), base);
+    for (const char* name : USB_IMAGE_NAMES) check_usb_image(name, records, std::min(count, USB_RECORDS_MATCHED), base);
 }
 
 void inspector::check_usb_image(const char* name, const uint8_t* records, size_t count, uint64_t base)
