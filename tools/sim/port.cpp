@@ -49,12 +49,12 @@ int ms_left(steady::time_point deadline)
 
 std::string read_whole(const std::string& path)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) throw usage_error("cannot read " + path + ": " + strerror(errno));
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
         close(fd);
-        throw usage_error("cannot read " + path + ": " + (S_ISDIR(st.st_mode) ? "a directory" : "not a regular file"));
+        throw usage_error("cannot read " + path + ": " + (S_ISDIR(st.st_mode) ? "a directory" : strerror(errno)));
     }
     std::string out;
     char chunk[65536];

@@ -32,8 +32,8 @@ long number(const std::string& s, long lo, long hi, const std::string& what);
 
 int ms_left(steady::time_point deadline);
 
-// A whole file that must be there to be used: a missing, unreadable or
-// non-regular one (a directory) is a usage_error naming it.
+// A whole file that must be there to be used (a pipe is read to its end): a
+// missing or unreadable one, or a directory, is a usage_error naming it.
 std::string read_whole(const std::string& path);
 
 // Line settings as the daemon takes them: -b RATE, -P PARITY, -B, -c.
