@@ -14,7 +14,7 @@ set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd)
 build=$(mkdir -p "${BENCH_BUILD_DIR:-$src/build-bench}" && cd "${BENCH_BUILD_DIR:-$src/build-bench}" && pwd)
 cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTTY_HUB_BENCH=ON -DTTY_HUB_TESTS=OFF >/dev/null
-make -C "$build" -j2 --no-print-directory bench_digest bench_daemon tty_hub 2>&1 | grep -E "error|warning" || true
+make -C "$build" -j2 --no-print-directory bench_digest bench_daemon bench_verify tty_hub 2>&1 | grep -E "error|warning" || true
 bench=$build/bench/bench_daemon
 mkdir -p "$build/bench/figures"
 
@@ -37,6 +37,8 @@ esac
 min_time=0.5
 [ ${#quick[@]} -eq 0 ] || min_time=0.1
 "$build/bench/bench_digest" --benchmark_min_time="$min_time"
+echo
+"$build/bench/bench_verify"
 echo
 "$bench" header
 if [ "${1:-}" = --digests ]; then

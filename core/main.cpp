@@ -10,14 +10,19 @@
 #include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
+#include <vector>
 
 #include "core/protocol.h"
 #include "core/serial.h"
+#include "update/signature.h"
 
 namespace {
 
 int baud_rate = 115200;
 serial_options options{};
+// -k FILE, each a public key that may sign upgrade files; loaded once the
+// options have been judged, before the port is touched.
+std::vector<const char*> key_files;
 
 void usage()
 {
@@ -37,10 +42,10 @@ void scan_options(int argc, char** argv)
         {"help", no_argument, nullptr, 'h'},     {"baud", required_argument, nullptr, 'b'},
         {"port", required_argument, nullptr, 'p'}, {"rts-cts", no_argument, nullptr, 'c'},
         {"2-stop-bit", no_argument, nullptr, 'B'}, {"parity", required_argument, nullptr, 'P'},
-        {nullptr, 0, nullptr, 0},
+        {"ota-key", required_argument, nullptr, 'k'}, {nullptr, 0, nullptr, 0},
     };
     int c;
-    while ((c = getopt_long(argc, argv, "hb:p:cBP:", long_options, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "hb:p:cBP:k:", long_options, nullptr)) != -1) {
         switch (c) {
         case 'h':
             usage();
@@ -63,11 +68,32 @@ void scan_options(int argc, char** argv)
             options.parity_odd = (!strcmp(optarg, "mark") || !strcmp(optarg, "odd")) ? 1 : 0;
             options.parity_stick = (!strcmp(optarg, "mark") || !strcmp(optarg, "space")) ? 1 : 0;
             break;
+        case 'k':
+            key_files.push_back(optarg);
+            break;
         default:
             // getopt_long has printed its diagnostic; a bad option stops nothing.
             break;
         }
     }
+}
+
+// Every -k file trusted, or false after a line naming the one that failed.
+bool load_keys()
+{
+    for (const char* file : key_files) {
+#if TTY_HUB_HAVE_SIGNING
+        std::string why = signature_trust_key(file);
+        if (!why.empty()) {
+            fprintf(stderr, "Error loading OTA key %s: %s\n", file, why.c_str());
+            return false;
+        }
+#else
+        fprintf(stderr, "Error loading OTA key %s: this tty_hub was built without signature checks\n", file);
+        return false;
+#endif
+    }
+    return true;
 }
 
 void configure_port(int speed_bits)
@@ -142,6 +168,10 @@ int main(int argc, char** argv)
     if (speed_bits < 1) {
         puts("Not supported baud rate");
         return -22;
+    }
+    if (!load_keys()) {
+        free(options.port);
+        exit(1);
     }
     // Close-on-exec: a program run through system() must not keep the port,
     // nor its lock, after the daemon has gone.

@@ -11,6 +11,7 @@
 #include "core/byte_order.h"
 #include "update/fd_io.h"
 #include "update/ota.h"
+#include "update/signature.h"
 
 namespace {
 
@@ -136,13 +137,16 @@ int mcu_firmware_upload()
         printf("[MCU IF] can not open OTA file: %s\n", strerror(errno));
         return -1;
     }
+    uint8_t buf[4 + OTA_BLOCK];
+    // Checked before the workers stop and the MCU hears anything: a
+    // package that reached /user some other way gets no byte served.
+    if (!signature_accepts(pkg.get(), signed_file::ota, buf, "OTA file")) return -1;
     // The workers hold no lock or token where a cancel can take them, so
     // dsp_lock and the semaphores stay usable if the handshake fails. Not
     // joined: one inside a DSP exchange finishes it first, and its frame is
     // dropped rather than written into the handshake.
     mcu_workers_leave_port();
     set_port(true);
-    uint8_t buf[4 + OTA_BLOCK];
     if (!handshake(buf)) {
         // Back to the frame loop at the new speed; the package is closed.
         puts("[MCU IF] wait MCU READ command timeout");

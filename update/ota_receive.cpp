@@ -13,6 +13,7 @@
 #include "update/fd_io.h"
 #include "update/ota.h"
 #include "update/ota_internal.h"
+#include "update/signature.h"
 
 namespace {
 
@@ -91,6 +92,15 @@ bool check_crc(int tmp, uint8_t* buf, uint32_t& package_crc)
         return false;
     }
     return true;
+}
+
+// With trusted keys, a package that none of them signed goes the way of a
+// CRC mismatch: no "ok", state 2, the package in /user untouched.
+bool check_signature(int tmp, uint8_t* buf)
+{
+    if (signature_accepts(tmp, signed_file::ota, buf, "OTA file")) return true;
+    fail(OTA_RESULT_BAD);
+    return false;
 }
 
 // "ok" to the device. A device that never takes it (a master that has gone)
@@ -174,7 +184,8 @@ int receive_package()
     ota_info.result = 0;
     uint32_t package_crc;
     // Once "ok" is written the delivery and its frame go out whole.
-    if (receive_blocks(dev.get(), tmp.get(), buf) == 0 && check_crc(tmp.get(), buf, package_crc))
+    if (receive_blocks(dev.get(), tmp.get(), buf) == 0 && check_crc(tmp.get(), buf, package_crc) &&
+        check_signature(tmp.get(), buf))
         deliver(dev.get(), tmp.get(), package_crc, buf);
     tmp.reset();
     dev.reset();

@@ -12,8 +12,12 @@
 #include "update/md5.h"
 #include "update/ota.h"
 #include "update/ota_internal.h"
+#include "update/signature.h"
 
 namespace {
+
+// unpack_s8137 for a package no trusted key signed.
+constexpr int REFUSED = -2;
 
 // Whole entries that fit the directory; a list without an end stops here.
 constexpr size_t MAX_ENTRIES = S8137_MAX_IMAGES;
@@ -83,8 +87,9 @@ int unpack_image(int pkg, const uint8_t* entry, uint32_t section, uint8_t* block
     return 0;
 }
 
-// Everything between opening and closing the package: digest check over the
-// whole section, then the images. 0 when all of it worked.
+// Everything between opening and closing the package: signature and digest
+// checks, then the images. 0 when all of it worked, REFUSED for a package
+// that no trusted key signed.
 int unpack_s8137(uint8_t* block)
 {
     unique_fd pkg(open(OTA_PACKAGE_PATH, O_RDONLY | O_CLOEXEC));
@@ -92,6 +97,8 @@ int unpack_s8137(uint8_t* block)
         printf("[MCU IF] open OTA upgrade file failed: %s\n", strerror(errno));
         return -1;
     }
+    // The package in /user may have come some other way than the reception.
+    if (!signature_accepts(pkg.get(), signed_file::ota, block, "OTA file")) return REFUSED;
     uint32_t s8137_offset, s8137_length;
     {
         header_guard lock;
@@ -173,8 +180,9 @@ int do_s8137_upgrade()
     }
     int result = unpack_s8137(block.get());
     block.reset();
-    // The upgrade program runs whatever came of the unpacking.
-    run_command("/bin/ota_upg");
+    // The upgrade program runs whatever came of the unpacking, but for an
+    // unsigned package: it would install what older runs left in /tmp.
+    if (result != REFUSED) run_command("/bin/ota_upg");
     puts(result == 0 ? "[MCU IF] OTA upgrade S8137 OK" : "[MCU IF] OTA upgrade S8137 failed");
-    return result;
+    return result == 0 ? 0 : -1;
 }

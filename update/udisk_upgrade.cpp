@@ -13,6 +13,7 @@
 #include "update/md5.h"
 #include "update/ota.h"
 #include "update/ota_internal.h"
+#include "update/signature.h"
 
 namespace {
 
@@ -136,6 +137,8 @@ uint8_t udisk_upgrade(uint32_t base, const char* path, uint8_t& percent)
         printf("[MCU IF] open USB upgrade file %s failed: %s\n", path, strerror(errno));
         return UPG_FAIL_EARLY;
     }
+    // The whole file, before the first image is copied or anything flashed.
+    if (!signature_accepts(disk.get(), signed_file::usb, block.get(), "USB upgrade file")) return UPG_FAIL_EARLY;
     unique_fd tmp(open_regular(TMP_PATH, O_RDWR | O_CREAT));
     if (!tmp) {
         printf("[MCU IF] open tmp file for USB upgrade failed: %s\n", strerror(errno));

@@ -14,8 +14,11 @@ EXTERNALSRC_BUILD = "${WORKDIR}/build"
 
 inherit cmake systemd update-rc.d
 
+# Signature checks of upgrade files (tty_hub -k) take libcrypto.
+DEPENDS = "openssl"
+
 # The daemon alone: no tests, no simulators on the target.
-EXTRA_OECMAKE = "-DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF \
+EXTRA_OECMAKE = "-DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF -DTTY_HUB_SIGNING=ON \
     -DTTY_HUB_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} \
     -DTTY_HUB_INSTALL_SYSTEMD=${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'ON', 'OFF', d)} \
     -DTTY_HUB_INSTALL_SYSV=${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'ON', 'OFF', d)}"

@@ -32,6 +32,18 @@ for port in /dev//ttyS1 /dev/ttyS0 /dev/ttyS1x; do
     check 234 "unsupported port" "" -p $port
 done
 check 1 "" "Error opening serial port: No such file or directory" -p /dev/ttyS3
+# A key file (-k, --ota-key) that cannot be read or holds no Ed25519 public
+# key ends the start, named, before the port is opened.
+# A daemon built without signature checks refuses any key.
+openssl genpkey -algorithm ec -pkeyopt ec_paramgen_curve:P-256 -out /tmp/ec && openssl pkey -in /tmp/ec -pubout -out /tmp/ec.pub
+openssl genpkey -algorithm ed25519 -out /tmp/ed && openssl pkey -in /tmp/ed -pubout -out /tmp/ed.pub
+if grep -q "^TTY_HUB_SIGNING:BOOL=ON" "$BIN/CMakeCache.txt"; then
+    for key in "/nonexistent:No such file or directory" "/tmp:not a regular file" "/tmp/ec:not a PEM public key" "/tmp/ec.pub:not an Ed25519 key"; do
+        check 1 "" "Error loading OTA key ${key%%:*}: ${key#*:}" -p /dev/ttyS3 --ota-key /tmp/ed.pub -k ${key%%:*}
+    done
+else
+    check 1 "" "Error loading OTA key /tmp/ed.pub: this tty_hub was built without signature checks" -p /dev/ttyS3 -k /tmp/ed.pub
+fi
 # Standard error first, then the usage, also with other faults on the line.
 for args in "" "-b abc -c stray"; do
     tty_hub $args >/tmp/both 2>&1

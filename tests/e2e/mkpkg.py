@@ -12,6 +12,10 @@ MD5 so that a fault in the daemon's digests cannot hide in the test data.
       4096-byte package whose header points at it; NAME is taken as given
   mkpkg.py usb OUT BASE [--cut N] NAME@OFF:LEN:SEED[:upper] ...
       a USB upgrade file: image table at BASE + 0x100880, images at BASE + OFF
+  mkpkg.py sign FILE KEY.pem ota|usb [--flip OFF]
+      appends the 80-byte signature block (Python's cryptography signs), and
+      makes an OTA package's CRC right again; --flip OFF then inverts the
+      byte at OFF, the CRC made right once more
 """
 import hashlib
 import struct
@@ -40,6 +44,23 @@ def ota(size, off=0, length=0, be_crc=False):
     return bytes(p)
 
 
+def crc_fixed(p):
+    p[8:12] = struct.pack("<I", zlib.crc32(p[12:]))
+
+
+def sign(data, key_file, kind):
+    from cryptography.hazmat.primitives import serialization
+    key = serialization.load_pem_private_key(open(key_file, "rb").read(), None)
+    raw = key.public_key().public_bytes(serialization.Encoding.Raw, serialization.PublicFormat.Raw)
+    covered = data[:8] + data[12:] if kind == "ota" else data
+    domain = b"tty_hub OTA package v1" if kind == "ota" else b"tty_hub USB upgrade v1"
+    message = domain.ljust(32, b"\0") + hashlib.sha256(covered).digest()
+    p = bytearray(data + hashlib.sha256(raw).digest()[:8] + key.sign(message) + b"TTYHSIG1")
+    if kind == "ota":
+        crc_fixed(p)
+    return p
+
+
 def option(a, flag, value=True):
     """Takes --flag [VALUE] out of a; its value, True, or None."""
     if flag not in a:
@@ -56,7 +77,14 @@ def main(a):
         sys.stdout.buffer.write(pattern(int(a[1]), int(a[2])))
         return
     append, be_crc, mark, cut = option(a, "--append"), option(a, "--be-crc", False), option(a, "--mark"), option(a, "--cut")
-    if verb == "ota":
+    flip = option(a, "--flip")
+    if verb == "sign":
+        data = sign(open(out, "rb").read(), a[2], a[3])
+        if flip:
+            data[int(flip, 0)] ^= 0xFF
+            if a[3] == "ota":
+                crc_fixed(data)
+    elif verb == "ota":
         data = ota(*(int(x, 0) for x in a[2:]), be_crc=bool(be_crc))
         if append:
             data += open(append, "rb").read()

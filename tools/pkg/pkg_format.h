@@ -23,6 +23,10 @@ struct finding {
     std::string why;
 };
 
+// The kind of the file on fd: an OTA package when its CRC holds, else a USB
+// upgrade file when an image table is found, else detect (not known).
+kind detect_kind(int fd);
+
 // Prints every field of the file on fd decoded, and checks it. Returns 0 for
 // a sound file, 1 when a field is wrong, 2 when the file could not be read.
 // first names the first wrong field of the layout, else the first wrong

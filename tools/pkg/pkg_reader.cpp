@@ -9,7 +9,9 @@
 
 #include "core/byte_order.h"
 #include "tools/pkg/pkg_format.h"
+#include "tools/pkg/progress.h"
 #include "update/md5.h"
+#include "update/signature.h"
 
 namespace pkg {
 namespace {
@@ -45,6 +47,12 @@ std::string quoted(const uint8_t* p, size_t n)
     return s + "\"";
 }
 
+bool name_is(const uint8_t* field, const char* name)
+{
+    size_t n = strlen(name);
+    return strnlen(reinterpret_cast<const char*>(field), USB_NAME) == n && !memcmp(field, name, n);
+}
+
 bool is_md5_text(const uint8_t* p)
 {
     return std::all_of(p, p + USB_MD5_TEXT, [](uint8_t c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
@@ -73,7 +81,9 @@ public:
     void stream(uint64_t pos, uint64_t len, const std::function<void(const uint8_t*, size_t)>& feed)
     {
         uint8_t block[OTA_BLOCK];
+        progress shown("checking", len);
         while (len != 0) {
+            shown.advance(std::min<uint64_t>(len, OTA_BLOCK));
             size_t n = static_cast<size_t>(std::min<uint64_t>(len, OTA_BLOCK));
             get(pos, block, n);
             feed(block, n);
@@ -116,7 +126,7 @@ public:
     // of the layout, else the first digest, else the CRC: the CRC covers
     // everything, and a digest covers its section, so a narrower field that
     // is wrong says more about what broke.
-    enum rank { layout, digest, crc_field, none };
+    enum rank { layout, digest, crc_field, signature, none };
     void wrong(const std::string& field, const std::string& why, rank r = layout)
     {
         fprintf(out_, "%-18s WRONG: %s\n", (field + ":").c_str(), why.c_str());
@@ -126,8 +136,17 @@ public:
         }
     }
 
+    // Empty firmware or an empty image is legal, and seldom meant.
+    void warn(const std::string& field, const std::string& why)
+    {
+        fprintf(out_, "%-18s warning: %s\n", (field + ":").c_str(), why.c_str());
+    }
+
+    // Where the content ends: before the signature block, if there is one.
+    uint64_t content_end(signed_file kind);
+    void check_signature(signed_file kind);
     void check_ota();
-    void check_usb(uint32_t base);
+    void check_usb(uint32_t base, bool guessed);
     bool usb_table_at(uint64_t base);
     bool find_usb_base(uint32_t& base);
 
@@ -141,6 +160,7 @@ private:
     finding& first_;
     rank first_rank_ = none;
     bool crc_known_ = false;
+    bool guessed_ = false;  // the USB base
     uint32_t crc_ = 0;
 };
 
@@ -174,15 +194,22 @@ void inspector::check_ota()
     if (size_ < OTA_MCU_SECTION) {
         wrong("MCU section", "the file ends at " + std::to_string(size_) + ", before the section at 2048");
     } else {
-        uint64_t end = length != 0 && offset >= OTA_MCU_SECTION ? std::min<uint64_t>(offset, size_) : size_;
+        uint64_t content = std::max<uint64_t>(content_end(signed_file::ota), OTA_MCU_SECTION);
+        uint64_t end = length != 0 && offset >= OTA_MCU_SECTION ? std::min<uint64_t>(offset, content) : content;
         line("MCU section", "2048 to " + std::to_string(end) + " (" + std::to_string(end - OTA_MCU_SECTION) +
                                 " bytes before the next section or the end)");
+        if (end == OTA_MCU_SECTION) warn("MCU section", "empty: the MCU's READs get no firmware");
     }
     if (length == 0) {
         line("S8137 section", "none: S8137 length 0, an S8137 upgrade has nothing to unpack");
         return;
     }
     if (offset < OTA_MCU_SECTION) wrong("S8137 offset", std::to_string(offset) + " lies in the header area, below 2048");
+    if (offset >= size_) {
+        wrong("S8137 offset", "the section at " + std::to_string(offset) + " starts past the file's end at " +
+                                  std::to_string(size_));
+        return;
+    }
     if (length < S8137_DATA) {
         wrong("S8137 length", std::to_string(length) + " is below 528, the digest and the directory");
         return;
@@ -230,6 +257,9 @@ void inspector::check_entry(size_t i, const uint8_t* dir, uint64_t section, uint
     }
     if (off < S8137_DATA) {
         wrong(field + " offset", std::to_string(off) + " lies in the digest or the directory, below 528");
+    } else if (off > length) {
+        wrong(field + " offset", "the image at " + std::to_string(off) + " starts past the S8137 section's " +
+                                     std::to_string(length) + " bytes");
     } else if (uint64_t(off) + len > length) {
         wrong(field + " length", "the image " + std::to_string(off) + "+" + std::to_string(len) +
                                      " ends past the S8137 section's " + std::to_string(length) + " bytes");
@@ -237,6 +267,7 @@ void inspector::check_entry(size_t i, const uint8_t* dir, uint64_t section, uint
         uint8_t d[16];
         md5(section + off, len, d);
         line(field + " MD5", hex(d, 16));
+        if (len == 0) warn(field + " length", "empty image");
     }
 }
 
@@ -248,7 +279,7 @@ bool inspector::usb_table_at(uint64_t base)
         char name[USB_NAME];
         get(table + s * USB_RECORD, name, sizeof name);
         for (const char* want : USB_IMAGE_NAMES)
-            if (strnlen(name, USB_NAME) == strlen(want) && !memcmp(name, want, strlen(want))) return true;
+            if (name_is(reinterpret_cast<const uint8_t*>(name), want)) return true;
     }
     return false;
 }
@@ -294,11 +325,45 @@ bool inspector::find_usb_base(uint32_t& base)
     return false;
 }
 
-void inspector::check_usb(uint32_t base)
+uint64_t inspector::content_end(signed_file kind)
+{
+    signature_block b;
+    int found = signature_read_block(fd_, size_, kind, b);
+    if (found < 0) throw io_failure{std::string("read of the signature block: ") + (errno ? strerror(errno) : "file shrank")};
+    return found ? size_ - SIGNATURE_BLOCK : size_;
+}
+
+void inspector::check_signature(signed_file kind)
+{
+    signature_block b;
+    if (content_end(kind) == size_) {
+        if (signature_trusted_keys() == 0)
+            line("signature", "none");
+        else
+            wrong("signature", "none: the file has no signature block", signature);
+        return;
+    }
+    signature_read_block(fd_, size_, kind, b);
+    std::string text = "key id " + signature_key_id_text(b.key_id) + ", Ed25519, the last 80 bytes";
+#if TTY_HUB_HAVE_SIGNING
+    if (signature_trusted_keys() != 0) {
+        uint8_t block[OTA_BLOCK];
+        std::string why = signature_verify(fd_, kind, block);
+        line("signature", text + (why.empty() ? ", ok" : ""));
+        if (!why.empty()) wrong("signature", why, signature);
+        return;
+    }
+#endif
+    line("signature", text + " (not checked: no --ota-key)");
+}
+
+void inspector::check_usb(uint32_t base, bool guessed)
 {
     uint64_t table = uint64_t(base) + USB_TABLE;
+    guessed_ = guessed;
     line("kind", "USB upgrade file");
-    line("base", std::to_string(base) + " (image table at " + std::to_string(table) + ")");
+    line("base", std::to_string(base) + " (image table at " + std::to_string(table) + ")" +
+                     (guessed ? ": a guess from where a table was found; --base N (the offset the MCU sends) says it" : ""));
     if (table + USB_RECORD > size_) {
         wrong("image table", "the file ends at " + std::to_string(size_) + ", before the table's first record");
         return;
@@ -307,7 +372,16 @@ void inspector::check_usb(uint32_t base)
     uint8_t records[USB_RECORDS_READ * USB_RECORD];
     size_t count = static_cast<size_t>(std::min<uint64_t>((size_ - table) / USB_RECORD, USB_RECORDS_READ));
     get(table, records, count * USB_RECORD);
-    for (size_t s = 0; s < count; ++s) {
+    // The daemon reads from the first record until the image's name, or all
+    // eleven when it is not among the first ten: only those are judged (an
+    // image may lie right behind the records).
+    size_t used = 0;
+    for (const char* name : USB_IMAGE_NAMES) {
+        size_t s = 0;
+        while (s < std::min(count, USB_RECORDS_MATCHED) && !name_is(records + s * USB_RECORD, name)) ++s;
+        used = std::max(used, s < std::min(count, USB_RECORDS_MATCHED) ? s + 1 : count);
+    }
+    for (size_t s = 0; s < used; ++s) {
         const uint8_t* r = records + s * USB_RECORD;
         if (r[0] == 0) continue;
         std::string field = "record " + std::to_string(s);
@@ -323,12 +397,10 @@ void inspector::check_usb_image(const char* name, const uint8_t* records, size_t
 {
     std::string n = name;
     const uint8_t* r = nullptr;
-    for (size_t s = 0; s < count && !r; ++s) {
-        const uint8_t* c = records + s * USB_RECORD;
-        if (strnlen(reinterpret_cast<const char*>(c), USB_NAME) == n.size() && !memcmp(c, name, n.size())) r = c;
-    }
+    for (size_t s = 0; s < count && !r; ++s)
+        if (name_is(records + s * USB_RECORD, name)) r = records + s * USB_RECORD;
     if (!r) {
-        wrong(n + " record", "not among the first 10 records");
+        wrong(n + " record", std::string("not among the first 10 records") + (guessed_ ? " (the base is a guess: --base N)" : ""));
         return;
     }
     uint32_t off = get_le32(r + USB_OFFSET), len = get_le32(r + USB_LENGTH);
@@ -345,6 +417,7 @@ void inspector::check_usb_image(const char* name, const uint8_t* records, size_t
         uint8_t d[16];
         md5(at, len, d);
         std::string computed = hex(d, 16);
+        if (len == 0) warn(n + " length", "empty image");
         if (!memcmp(computed.data(), r + USB_NAME, USB_MD5_TEXT))
             line(n, "file offset " + std::to_string(at) + ", " + std::to_string(len) + " bytes, MD5 " + computed + " ok");
         else
@@ -353,6 +426,25 @@ void inspector::check_usb_image(const char* name, const uint8_t* records, size_t
 }
 
 }  // namespace
+
+kind detect_kind(int fd)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0) return kind::detect;
+    finding unused;
+    inspector in(fd, static_cast<uint64_t>(st.st_size), stdout, unused);
+    try {
+        uint8_t field[4];
+        uint32_t base;
+        if (in.size() >= OTA_CRC_FROM) {
+            in.get(OTA_CRC_POS, field, 4);
+            if (get_le32(field) == in.package_crc()) return kind::ota;
+        }
+        if (in.usb_table_at(0) || in.find_usb_base(base)) return kind::usb;
+    } catch (const io_failure&) {
+    }
+    return kind::detect;
+}
 
 int inspect(int fd, const inspect_options& options, FILE* out, finding& first)
 {
@@ -371,8 +463,9 @@ int inspect(int fd, const inspect_options& options, FILE* out, finding& first)
         in.line("size", std::to_string(in.size()) + " bytes");
         kind what = options.what;
         uint32_t base = options.base;
+        bool at_zero = !options.base_given && what != kind::ota && in.usb_table_at(0);
         if (what == kind::detect) {
-            if (options.base_given || in.usb_table_at(0)) {
+            if (options.base_given || at_zero) {
                 what = kind::usb;
             } else if (in.size() >= OTA_CRC_FROM) {
                 uint8_t field[4];
@@ -382,11 +475,14 @@ int inspect(int fd, const inspect_options& options, FILE* out, finding& first)
             } else {
                 what = kind::ota;
             }
+        } else if (what == kind::usb && !options.base_given && !at_zero) {
+            in.find_usb_base(base);
         }
         if (what == kind::usb)
-            in.check_usb(base);
+            in.check_usb(base, !options.base_given);
         else
             in.check_ota();
+        in.check_signature(what == kind::usb ? signed_file::usb : signed_file::ota);
     } catch (const io_failure& e) {
         first = {"file", e.why};
         return 2;

@@ -476,6 +476,13 @@ std::vector<verb> common_verbs(expected_texts& expected)
              check_if_there(a[0]);
              return [from = a[0], path = a[1]](session& s) { return put_file(s, path, read_whole(from)); };
          }},
+        {"remove", "FILE             remove FILE (it must be there)", 1, 1,
+         [](const args& a) -> action {
+             return [path = a[0]](session& s) {
+                 if (unlink(path.c_str()) != 0) return s.miss("cannot remove " + path + ": " + strerror(errno));
+                 return s.say("removed " + path), true;
+             };
+         }},
         {"hangup", "                 close the port, as a peer that goes away: the daemon's side hangs up", 0, 0,
          [](const args&) -> action {
              return [](session& s) {

@@ -12,8 +12,12 @@ TTY_HUB_SITE_METHOD = local
 TTY_HUB_LICENSE = MIT
 TTY_HUB_LICENSE_FILES = LICENSE
 
+# Signature checks of upgrade files (tty_hub -k) take libcrypto.
+TTY_HUB_DEPENDENCIES = openssl
+
 # The daemon alone: no tests, no simulators on the target.
-TTY_HUB_CONF_OPTS = -DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF -DCMAKE_INSTALL_SYSCONFDIR=/etc
+TTY_HUB_CONF_OPTS = -DTTY_HUB_TESTS=OFF -DTTY_HUB_TOOLS=OFF -DCMAKE_INSTALL_SYSCONFDIR=/etc \
+	-DTTY_HUB_SIGNING=ON
 
 # What the install puts on the target (checked after it, and by the
 # project's CI against its own cmake --install).
