@@ -450,7 +450,8 @@ std::vector<verb> mcu_verbs()
     v.push_back({"record", "start|stop|export|import|report|N   command 10", 1, 1, [](const args& a) {
                      return send("record " + a[0], 10, {word_or_number(record_words, a[0], "record")});
                  }});
-    v.push_back({"ota", "start|exit|s8137|mcu|N                 command 14", 1, 1, [](const args& a) {
+    v.push_back({"ota", "start|exit|s8137|mcu|N                 command 14 (mcu on --port: the line\n"
+                        "                        follows the daemon to 460800 baud, back if no call comes)", 1, 1, [](const args& a) {
                      return send("ota " + a[0], 14, {word_or_number(ota_words, a[0], "ota")});
                  }});
     v.push_back({"udisk", "base=N name=FILE    command 15, sub-command 0x11 (name up to 11 bytes)", 0, 2,
