@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <poll.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -203,9 +205,9 @@ void check_which(const std::string& which, const char* step)
         throw usage_error(std::string(step) + " takes dsp, log or call, not " + which);
 }
 
-// The whole lines of a runner's file that contain text (dsp lines are
-// compared unescaped).
-long count_lines(const std::string& path, const std::string& which, const std::string& text)
+// The whole lines of a runner's file that count (dsp lines are seen
+// unescaped), or that contain text.
+long count_lines(const std::string& path, const std::string& which, const std::function<bool(const std::string&)>& counts)
 {
     auto all = read_file(path);
     if (!all) return 0;
@@ -213,9 +215,13 @@ long count_lines(const std::string& path, const std::string& which, const std::s
     for (size_t at = 0, nl; (nl = all->find('\n', at)) != std::string::npos; at = nl + 1) {
         std::string line = all->substr(at, nl - at);
         if (which == "dsp") line = dsp_rules::unescape(line);
-        n += line.find(text) != std::string::npos;
+        n += counts(line);
     }
     return n;
+}
+long count_lines(const std::string& path, const std::string& which, const std::string& text)
+{
+    return count_lines(path, which, [&](const std::string& l) { return l.find(text) != std::string::npos; });
 }
 
 // FILE made anew with text, then renamed into place: a reader sees the old
@@ -331,6 +337,30 @@ std::vector<verb> common_verbs(expected_texts& expected)
                  if (got == n) return s.say(std::to_string(n) + " " + which + " lines with " + quote(text)), true;
                  return s.miss("expected " + std::to_string(n) + " " + which + " lines with " + quote(text) + ", " +
                                (got < n ? "only " : "") + std::to_string(got) + " came");
+             };
+         }},
+        {"expect lines", "log|dsp|call REGEX N  exactly N lines of that file from its start match the\n"
+                         "                        extended regular expression REGEX (waits for N, as expect count)",
+         3, 3, [](const args& a) -> action {
+             check_which(a[0], "expect lines");
+             regex_t compiled;
+             if (int err = regcomp(&compiled, a[1].c_str(), REG_EXTENDED | REG_NOSUB)) {
+                 char why[128];
+                 regerror(err, &compiled, why, sizeof why);
+                 throw usage_error("expect lines: " + std::string(why) + ": " + a[1]);
+             }
+             std::shared_ptr<regex_t> owned(new regex_t(compiled), [](regex_t* r) { regfree(r), delete r; });
+             return [which = a[0], text = a[1], n = a.num(2, 0, 1000000, "count"), owned](session& s) {
+                 const std::string& path = followed_path(s, which);
+                 if (!s.have(path, "expect lines", option_of(which))) return true;
+                 auto matching = [&] {
+                     return count_lines(path, which, [&](const std::string& l) { return regexec(owned.get(), l.c_str(), 0, nullptr, 0) == 0; });
+                 };
+                 long got = 0;
+                 s.wait_for([&] { return (got = matching()) >= n; });
+                 if (got == n) return s.say(std::to_string(n) + " " + which + " lines match " + quote(text)), true;
+                 return s.miss("expected " + std::to_string(n) + " " + which + " lines to match " + quote(text) + ", " +
+                               (got < n ? "only " : "") + std::to_string(got) + " did");
              };
          }},
         {"allow log", "TEXT           failure lines with TEXT may come, as many as they will (for the\n"
