@@ -3,7 +3,7 @@
 // or as hex text, one direction or both, each piece printed with its offset,
 // or with its time when it comes live.
 #pragma once
-#include <sys/stat.h>
+#include <string>
 
 #include "tools/sim/port.h"
 
@@ -15,6 +15,7 @@ struct piece {
     enum kind_t { more, noise, whole, cut } kind;  // cut: a frame that the stream's end broke off
 };
 
+// What a simulator knows of its link's traffic.
 struct decoder {
     const char* peer;  // the simulated side: "mcu" or "tool"
     piece (*split)(const uint8_t* b, size_t n, bool at_end, bool from_daemon);
@@ -22,149 +23,10 @@ struct decoder {
     bool (*binary)(const uint8_t* b, size_t n);  // shown in hex as well
 };
 
-inline std::string decode_help(const char* prog, const char* peer)
-{
-    return std::string("Decoding (") + prog + " --decode [--hex] [--time] [--" + (peer[0] == 'M' ? "mcu" : "tool") +
-           " SOURCE] [--daemon SOURCE]):\n"
-           "  SOURCE is a file, - for standard input, or a terminal (a tap on one wire, set\n"
-           "  up with -b -P -B -c); --" + (peer[0] == 'M' ? "mcu" : "tool") + " gives what the " + peer +
-           " sent, --daemon what the daemon\n"
-           "  sent. Every frame is printed decoded with its offset (with its time when\n"
-           "  a source is a terminal, or with --time), check digits verified, noise as such.\n"
-           "  --hex reads hex text (pairs of digits, 0x allowed, # comments) instead of bytes.\n";
-}
+// The decoding part of --help.
+std::string decode_help(const char* prog, const char* peer);
 
-struct source {
-    source(std::string p, bool d) : path(std::move(p)), from_daemon(d) {}
-    std::string path;
-    bool from_daemon;
-    int fd = -1;
-    bool live = false, done = false;
-    bytes buf;
-    size_t offset = 0;  // of buf[0] in the stream
-    std::string token;  // hex text not yet complete
-    bool comment = false;
-    steady::time_point last{};
-};
-
-inline void hex_token(source& s)
-{
-    std::string t = s.token;
-    s.token.clear();
-    if (t.empty()) return;
-    if (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X')) t = t.substr(2);
-    if (t.size() % 2 || t.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        throw usage_error(s.path + ": not hex: " + t);
-    for (size_t i = 0; i < t.size(); i += 2) s.buf.push_back(static_cast<uint8_t>(std::stoi(t.substr(i, 2), nullptr, 16)));
-}
-
-inline void add(source& s, const uint8_t* p, size_t n, bool as_hex)
-{
-    if (!as_hex) {
-        s.buf.insert(s.buf.end(), p, p + n);
-        return;
-    }
-    for (size_t i = 0; i < n; ++i) {
-        char c = static_cast<char>(p[i]);
-        if (s.comment) {
-            s.comment = c != '\n';
-        } else if (isalnum(static_cast<unsigned char>(c))) {
-            s.token += c;
-        } else {
-            hex_token(s);
-            s.comment = c == '#';
-        }
-    }
-}
-
-inline void print_pieces(const decoder& d, source& s, bool at_end, bool times, steady::time_point start)
-{
-    const char* who = s.from_daemon ? "daemon" : d.peer;
-    for (;;) {
-        piece pc = d.split(s.buf.data(), s.buf.size(), at_end, s.from_daemon);
-        if (pc.kind == piece::more || pc.len == 0) return;
-        std::string text = pc.kind == piece::noise ? "noise"
-                           : pc.kind == piece::cut ? "cut short"
-                                                   : d.text(s.buf.data(), pc.len, s.from_daemon);
-        if (pc.kind != piece::whole || d.binary(s.buf.data(), pc.len)) text += "  (" + hex(s.buf.data(), pc.len) + ")";
-        if (times)
-            printf("%9.3f  %-6s  %s\n", std::chrono::duration<double>(steady::now() - start).count(), who, text.c_str());
-        else printf("%8zu  %-6s  %s\n", s.offset, who, text.c_str());
-        s.buf.erase(s.buf.begin(), s.buf.begin() + static_cast<long>(pc.len));
-        s.offset += pc.len;
-    }
-}
-
-inline int run_decode(int argc, char** argv, const decoder& d)
-{
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    try {
-        std::vector<source> sources;
-        line_settings line;
-        bool as_hex = false, times = false;
-        std::string peer_opt = std::string("--") + d.peer;
-        for (int i = 2; i < argc; ++i) {
-            std::string a = argv[i];
-            auto next = [&]() -> std::string {
-                if (i + 1 >= argc) throw usage_error(a + " needs an argument");
-                return argv[++i];
-            };
-            if (a == "--hex") as_hex = true;
-            else if (a == "--raw") as_hex = false;
-            else if (a == "--time") times = true;
-            else if (a == peer_opt || a == "--daemon") sources.emplace_back(next(), a == "--daemon");
-            else if (line_option(line, a, next)) continue;
-            else throw usage_error("unknown decode option " + a + " (see --help)");
-        }
-        if (sources.empty()) throw usage_error("--decode needs " + peer_opt + " SOURCE or --daemon SOURCE");
-        for (auto& s : sources) {
-            if (s.path == "-") s.fd = 0;
-            else if ((s.fd = open(s.path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC)) < 0)
-                throw usage_error("cannot read " + s.path + ": " + strerror(errno));
-            if (isatty(s.fd)) {
-                if (s.fd) close(s.fd);
-                s.fd = open_terminal(s.path == "-" ? "/dev/stdin" : s.path, line);
-            }
-            // A pipe is read as it comes; a terminal is a wire, timed.
-            struct stat st {};
-            fstat(s.fd, &st);
-            s.live = !S_ISREG(st.st_mode);
-            times = times || isatty(s.fd);
-        }
-        auto start = steady::now();
-        for (;;) {
-            std::vector<pollfd> fds;
-            for (auto& s : sources) fds.push_back({s.done ? -1 : s.fd, POLLIN, 0});
-            if (std::all_of(sources.begin(), sources.end(), [](const source& s) { return s.done; })) return 0;
-            poll(fds.data(), fds.size(), 100);
-            for (size_t i = 0; i < sources.size(); ++i) {
-                source& s = sources[i];
-                if (s.done) continue;
-                uint8_t chunk[4096];
-                bool end = false;
-                if (fds[i].revents) {
-                    // A regular file is read whole before the next source.
-                    ssize_t n;
-                    while ((n = read(s.fd, chunk, sizeof chunk)) > 0) {
-                        add(s, chunk, static_cast<size_t>(n), as_hex);
-                        s.last = steady::now();
-                        if (s.live) break;
-                    }
-                    end = n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR);
-                }
-                if (end) {
-                    if (as_hex) hex_token(s);
-                    s.done = true;
-                }
-                // A frame that stays incomplete for half a second on a wire is cut short.
-                bool quiet_wire = s.live && steady::now() - s.last > std::chrono::milliseconds(500);
-                print_pieces(d, s, end || quiet_wire, times, start);
-            }
-        }
-    } catch (const usage_error& e) {
-        fprintf(stderr, "[%s] %s\n", d.peer, e.what());
-        return 2;
-    }
-}
+// `PROG --decode ...`: argv[2] on are the decoding options.
+int run_decode(int argc, char** argv, const decoder& d);
 
 }  // namespace sim
