@@ -1,17 +1,21 @@
-// Measures the real daemon in the e2e sandbox against baselines taken in the
-// same run, and prints one line per figure with its ratio. See README.md.
+// Measures the real daemon against baselines taken in the same run, and prints
+// one line per figure with its ratio. See README.md; bench/run.sh runs it.
 //
-//   bench_daemon [--quick] [--digests]    # --digests: the MD5 and CRC figures only
+//   bench_daemon FIGURE [--quick] --pty FILE   # as the peer of a scenario of tests/e2e/run.sh
+//   bench_daemon digests [--quick]             # on the host: the MD5 and CRC figures
+//   bench_daemon header                        # the head line of the table
 //
-// The DSP service is played in-process (a thread in the sandbox's IPC
-// namespace answers at once and timestamps each request), so the latency is
-// measured on one clock from the write of a frame to the request's arrival.
+// The daemon is started the one way the scenarios start it: tests/e2e/run.sh
+// runs this program inside the sandbox in the simulator's place, binds the
+// pseudo-terminal it makes at /dev/ttyS1 and starts tty_hub on it. The DSP
+// service is played in-process (a thread on the sandbox's queue answers at
+// once and timestamps each request), so the latency is measured on one clock
+// from the write of a frame to the request's arrival.
 #include <dirent.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pty.h>
-#include <sched.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -25,8 +29,8 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,11 +38,12 @@
 #include <zlib.h>
 
 #include "bench/bench_util.h"
-#include "bench/harness.h"
+#include "mcu/mcu_frame.h"
+#include "tools/sim/port.h"
 #include "update/md5.h"
 #include "update/ota.h"
 
-using e2e::bytes;
+using sim::bytes;
 using clk = std::chrono::steady_clock;
 
 namespace {
@@ -50,26 +55,17 @@ double us_since(clk::time_point t) { return std::chrono::duration<double, std::m
 // The DSP service stand-in, in-process.
 class dsp_service {
 public:
-    dsp_service(pid_t inside, const std::string& host_tmp) : inside_(inside)
+    // On the queue of the daemon's key, in the sandbox's IPC namespace.
+    dsp_service() : qid_(msgget(ftok("/tmp", 0x111), IPC_CREAT | 0666))
     {
-        key_ = ftok(host_tmp.c_str(), 0x111);
-        std::atomic<bool> up{false};
-        thread_ = std::thread([this, &up] {
-            enter_ns();
-            qid_ = msgget(key_, IPC_CREAT | 0666);
-            up = true;
-            serve();
-        });
-        while (!up) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (qid_ < 0) throw std::runtime_error("no DSP queue");
+        thread_ = std::thread([this] { serve(); });
     }
     ~dsp_service()
     {
-        // A last request, from a thread in the namespace, ends the loop.
-        std::thread([this] {
-            enter_ns();
-            message m{2, "quit"};
-            msgsnd(qid_, &m, 5, 0);
-        }).join();
+        // A last request ends the loop.
+        message m{2, "quit"};
+        msgsnd(qid_, &m, 5, 0);
         thread_.join();
     }
     // Time of the first request starting with prefix after arm().
@@ -103,12 +99,6 @@ private:
         long type;
         char text[4096];
     };
-    void enter_ns()
-    {
-        int fd = open(("/proc/" + std::to_string(inside_) + "/ns/ipc").c_str(), O_RDONLY);
-        if (fd < 0 || setns(fd, CLONE_NEWIPC) != 0) perror("setns");
-        close(fd);
-    }
     void serve()
     {
         message in{}, out{};
@@ -135,9 +125,7 @@ private:
         }
     }
 
-    pid_t inside_;
-    key_t key_;
-    int qid_ = -1;
+    int qid_;
     std::thread thread_;
     std::mutex lock_;
     std::string prefix_;
@@ -145,21 +133,67 @@ private:
     size_t total_ = 0, vol_count_ = 0;
 };
 
-// A running daemon on /dev/ttyS1 with the in-process DSP service.
+bytes mcu_frame(uint8_t command, const bytes& payload)
+{
+    bytes f(payload.size() + 4);
+    f[0] = 0xFF;
+    f[1] = static_cast<uint8_t>(payload.size() + 3);
+    f[2] = command;
+    std::copy(payload.begin(), payload.end(), f.begin() + 3);
+    f.back() = mcu_check_digit({f.data() + 1, f.size() - 2});
+    return f;
+}
+
+// The daemon of this run on /dev/ttyS1, with the in-process DSP service: the
+// queue first (the daemon waits for it at start), then the pseudo-terminal,
+// on which the runner starts tty_hub.
 struct daemon_run {
-    e2e::Sandbox sb{"/dev/ttyS1"};
-    std::unique_ptr<dsp_service> dsp;
+    std::unique_ptr<dsp_service> dsp = std::make_unique<dsp_service>();
+    sim::port io;
     pid_t pid = -1;
 
-    explicit daemon_run(const std::function<void(e2e::Sandbox&)>& prepare = {})
+    explicit daemon_run(const std::string& pty_file)
     {
-        sb.no_dsp();
-        if (prepare) prepare(sb);
-        sb.start();
-        for (int i = 0; i < 2000 && (pid = sb.daemon_pid()) <= 0; ++i) usleep(1000);
-        if (pid <= 0) throw std::runtime_error("daemon did not start");
-        dsp = std::make_unique<dsp_service>(pid, sb.host_path("/tmp"));
-        if (sb.read_mcu_frame_cmd(0x20, 5000).empty()) throw std::runtime_error("no first frame: " + sb.output());
+        io.open("", pty_file, {});
+        for (int i = 0; i < 5000 && (pid = daemon_pid()) <= 0; ++i) usleep(1000);
+        if (pid <= 0) throw std::runtime_error("the daemon did not start");
+        if (frame(0x20, 5000).empty()) throw std::runtime_error("no first frame: " + output());
+    }
+    static pid_t daemon_pid()
+    {
+        DIR* d = opendir("/proc");
+        pid_t found = -1;
+        while (const dirent* e = d ? readdir(d) : nullptr) {
+            std::string comm;
+            if (isdigit(static_cast<unsigned char>(e->d_name[0])) &&
+                std::getline(std::ifstream(std::string("/proc/") + e->d_name + "/comm"), comm) && comm == "tty_hub")
+                found = atoi(e->d_name);
+        }
+        if (d) closedir(d);
+        return found;
+    }
+    static std::string output()
+    {
+        std::ifstream in("/.sb/stdout");
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+    void send(const bytes& b) { io.write_all(b); }
+    void send_frame(uint8_t command, const bytes& payload) { send(mcu_frame(command, payload)); }
+    // The next whole frame with this command; other bytes are passed over.
+    bytes frame(uint8_t command, int ms)
+    {
+        auto deadline = clk::now() + std::chrono::milliseconds(ms);
+        for (;;) {
+            auto& in = io.inbox;
+            auto lead = std::find(in.begin(), in.end(), 0xFF);
+            in.erase(in.begin(), lead);
+            if (in.size() >= 2 && in.size() >= in[1] + 1u) {
+                bytes f = io.take_front(in[1] + 1u);
+                if (f.size() > 2 && f[2] == command) return f;
+                continue;
+            }
+            if (!io.fill(std::max(1, sim::ms_left(deadline))) && sim::ms_left(deadline) == 0) return {};
+        }
     }
 };
 
@@ -203,17 +237,17 @@ double pct(std::vector<double> v, double p)
     return v[std::min(v.size() - 1, static_cast<size_t>(p / 100.0 * static_cast<double>(v.size())))];
 }
 
-void latency()
+void latency(const std::string& pty_file)
 {
-    daemon_run d;
+    daemon_run d(pty_file);
     int n = quick ? 200 : 2000;
     std::vector<double> lat;
     for (int i = 0; i < n; ++i) {
         size_t before = d.dsp->count("dsp vol ");
         d.dsp->arm("dsp vol ");
-        bytes f = e2e::mcu_frame(5, bytes(12, static_cast<uint8_t>(i % 2 ? 100 : 120)));
+        bytes f = mcu_frame(5, bytes(12, static_cast<uint8_t>(i % 2 ? 100 : 120)));
         auto t0 = clk::now();
-        d.sb.send(f);  // one write: t0 is the time of the last byte
+        d.send(f);  // one write: t0 is the time of the last byte
         if (!d.dsp->wait_count("dsp vol ", before + 12, 5000)) throw std::runtime_error("no dsp vol");
         lat.push_back(std::chrono::duration<double, std::micro>(d.dsp->first() - t0).count());
     }
@@ -222,29 +256,29 @@ void latency()
     bench::report("wire-to-DSP latency p99", pct(lat, 99), "us", "bare pty round trip p99", pct(pty, 99), "us");
 }
 
-void throughput()
+void throughput(const std::string& pty_file)
 {
-    daemon_run d;
+    daemon_run d(pty_file);
     // Changing volumes: each frame costs 12 DSP exchanges.
     int n = quick ? 2000 : 20000;
     bytes stream;
     for (int i = 0; i < n; ++i) {
-        bytes f = e2e::mcu_frame(5, bytes(12, static_cast<uint8_t>(i % 2 ? 100 : 120)));
+        bytes f = mcu_frame(5, bytes(12, static_cast<uint8_t>(i % 2 ? 100 : 120)));
         stream.insert(stream.end(), f.begin(), f.end());
     }
     auto t0 = clk::now();
-    d.sb.send(stream);
+    d.send(stream);
     if (!d.dsp->wait_count("dsp vol ", 12u * n, 120000)) throw std::runtime_error("frames lost");
     double changing = n / (us_since(t0) / 1e6);
     // Repeated volumes: the frame layer and the seen-once test alone.
     int m = quick ? 50000 : 500000;
-    bytes same = e2e::mcu_frame(5, bytes(12, 120)), last = e2e::mcu_frame(5, bytes(12, 130));
+    bytes same = mcu_frame(5, bytes(12, 120)), last = mcu_frame(5, bytes(12, 130));
     stream.clear();
     for (int i = 0; i < m; ++i) stream.insert(stream.end(), same.begin(), same.end());
     stream.insert(stream.end(), last.begin(), last.end());
     size_t before = d.dsp->count("dsp vol ");
     t0 = clk::now();
-    d.sb.send(stream);
+    d.send(stream);
     if (!d.dsp->wait_count("dsp vol ", before + 12, 120000)) throw std::runtime_error("frames lost");
     double repeated = (m + 1) / (us_since(t0) / 1e6);
     // 4000000 baud, 10 bits a byte, 16 bytes a volume frame.
@@ -253,23 +287,23 @@ void throughput()
     bench::report("volume frames/s, repeated values (no DSP command)", repeated, "1/s", "4 Mbaud line rate", line, "1/s");
 }
 
-void idle_and_rss()
+void idle_and_rss(const std::string& pty_file)
 {
-    daemon_run d;
+    daemon_run d(pty_file);
     double window = quick ? 3 : 10;
     usleep(500000);  // start-up done
     auto off = bench::measure_idle(d.pid, window);
     // Polling on: a report every 200 ms.
-    d.sb.send_frame(2, {0, 0, 0, 4, 0, 0});
+    d.send_frame(2, {0, 0, 0, 4, 0, 0});
     usleep(300000);
     auto on = bench::measure_idle(d.pid, window);
     bench::report("idle, polling off: context switches/min", off.switches_per_min, "", "polling on", on.switches_per_min, "");
     bench::report("idle, polling off: CPU ms/min", off.cpu_ms_per_min, "ms", "polling on", on.cpu_ms_per_min, "ms");
     // Peak with every thread busy: polling, the pipe and a burst of frames.
-    int pipe = open(d.sb.host_path("/tmp/mcu_if_pipe").c_str(), O_WRONLY | O_NONBLOCK);
+    int pipe = open("/tmp/mcu_if_pipe", O_WRONLY | O_NONBLOCK);
     for (int i = 0; i < 200; ++i) (void)!write(pipe, "x", 1);
     close(pipe);
-    for (int i = 0; i < 2000; ++i) d.sb.send_frame(5, bytes(12, static_cast<uint8_t>(i % 2 ? 1 : 2)));
+    for (int i = 0; i < 2000; ++i) d.send_frame(5, bytes(12, static_cast<uint8_t>(i % 2 ? 1 : 2)));
     d.dsp->wait_count("dsp vol ", 12 * 2000, 60000);
     long hwm = bench::status_kb(d.pid, "VmHWM:");
     bench::report("peak RSS of the daemon, all threads running", static_cast<double>(hwm), "kB",
@@ -279,11 +313,10 @@ void idle_and_rss()
 // The MCU goes away: the CPU the daemon uses from the hang-up of its port to
 // its exit, against one core over the same time; after the exit there is no
 // process left to use any.
-void hangup()
+void hangup(const std::string& pty_file)
 {
-    daemon_run d;
-    // The service stand-in finds its namespace through the daemon: it goes
-    // first, while the daemon idles.
+    daemon_run d(pty_file);
+    // The service stand-in goes first, while the daemon idles.
     d.dsp.reset();
     // CPU of each thread (schedstat) at its last reading: threads vanish one
     // by one as the process ends.
@@ -303,12 +336,9 @@ void hangup()
         return sum;
     };
     long long before = sample(), last = before;
-    // The master's last descriptor goes, so the daemon's side hangs up; the
-    // number stays open (on /dev/null) for the sandbox to close.
-    int null = open("/dev/null", O_RDWR);
+    // The master's last descriptor goes, so the daemon's side hangs up.
     auto t0 = clk::now();
-    dup2(null, d.sb.master_fd());
-    close(null);
+    d.io.hang_up();
     while (kill(d.pid, 0) == 0 && us_since(t0) < 10e6) {
         last = sample();
         usleep(1000);
@@ -365,15 +395,15 @@ void digests(const std::string& dir)
 
 // Per-request turnaround of the MCU firmware upload, then the cost of the
 // finished state.
-void firmware_upload()
+void firmware_upload(const std::string& pty_file)
 {
-    std::string package = pattern(2048 + (1 << 20), 5);
-    daemon_run d([&](e2e::Sandbox& sb) { sb.write_file("/user/OTA_UPG.bin", package); });
-    d.sb.send_frame(14, {6});
+    std::ofstream("/user/OTA_UPG.bin", std::ios::binary) << pattern(2048 + (1 << 20), 5);
+    daemon_run d(pty_file);
+    d.send_frame(14, {6});
     std::string seen;
     while (seen.find("UART_UPDATA!") == std::string::npos) {
-        bytes b = d.sb.read_bytes(1, 5000);
-        if (b.empty()) throw std::runtime_error("no upload call: " + d.sb.output());
+        bytes b = d.io.take(1, 5000);
+        if (b.empty()) throw std::runtime_error("no upload call: " + d.output());
         seen += static_cast<char>(b[0]);
     }
     int n = quick ? 100 : 500;
@@ -383,14 +413,14 @@ void firmware_upload()
         bytes req = {'R', 'E', 'A', 'D', static_cast<uint8_t>(offset >> 24), static_cast<uint8_t>(offset >> 16),
                      static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset), 0, 0, 0x10, 0};
         auto t0 = clk::now();
-        d.sb.send(req);
-        if (d.sb.read_bytes(4100, 5000).size() != 4100) throw std::runtime_error("short upload reply");
+        d.send(req);
+        if (d.io.take(4100, 5000).size() != 4100) throw std::runtime_error("short upload reply");
         turn.push_back(us_since(t0));
     }
     auto pty = pty_round_trips(12, n, 4100);
     bench::report("MCU upload READ of 4096 bytes, turnaround p50", pct(turn, 50), "us", "bare pty 12 out, 4100 back",
                   pct(pty, 50), "us");
-    d.sb.send(e2e::to_bytes("UPDATA_SUCC!"));
+    d.io.write_all(std::string_view("UPDATA_SUCC!"));
     usleep(200000);
     auto fin = bench::measure_idle(d.pid, quick ? 3 : 10);
     auto fresh = bench::read_counters(d.pid);
@@ -400,8 +430,10 @@ void firmware_upload()
 }
 
 // USB upgrade of two images against md5sum and cp of the same images.
-void usb_upgrade(const std::string& dir)
+void usb_upgrade(const std::string& pty_file)
 {
+    const std::string dir = "/tmp/bench";
+    mkdir(dir.c_str(), 0700);
     const size_t image = (quick ? 4u : 16u) << 20;
     const uint32_t table = 0x100880, kernel_at = 0x101000, rootfs_at = kernel_at + static_cast<uint32_t>(image);
     std::string k = pattern(image, 7), r = pattern(image, 9);
@@ -426,14 +458,15 @@ void usb_upgrade(const std::string& dir)
     record(table + 128, "rootfs", r, rootfs_at);
     memcpy(&file[kernel_at], k.data(), image);
     memcpy(&file[rootfs_at], r.data(), image);
-    daemon_run d([&](e2e::Sandbox& sb) { sb.write_file("/mnt/upg.bin", file); });
+    std::ofstream("/mnt/upg.bin", std::ios::binary) << file;
+    daemon_run d(pty_file);
     auto t0 = clk::now();
-    d.sb.send_frame(15, {0x11, 0, 0, 0, 0, 'u', 'p', 'g', '.', 'b', 'i', 'n', 0, 0, 0, 0});
+    d.send_frame(15, {0x11, 0, 0, 0, 0, 'u', 'p', 'g', '.', 'b', 'i', 'n', 0, 0, 0, 0});
     bytes f;
-    do f = d.sb.read_mcu_frame_cmd(0x24, 60000);
+    do f = d.frame(0x24, 60000);
     while (!f.empty() && f[3] == 1);
     double daemon_s = us_since(t0) / 1e6;
-    if (f.size() != 8 || f[3] != 3) throw std::runtime_error("USB upgrade failed: " + d.sb.output());
+    if (f.size() != 8 || f[3] != 3) throw std::runtime_error("USB upgrade failed: " + d.output());
     std::ofstream(dir + "/kernel", std::ios::binary) << k;
     std::ofstream(dir + "/rootfs", std::ios::binary) << r;
     double base = bench::time_command("cd " + dir + " && md5sum kernel rootfs >/dev/null && cp kernel k.tmp && cp rootfs r.tmp");
@@ -442,31 +475,99 @@ void usb_upgrade(const std::string& dir)
     system(("rm -rf " + dir + "/kernel " + dir + "/rootfs " + dir + "/*.tmp").c_str());
 }
 
+// Soak: frames in blocks of 1000 (one volume change, then repeated volumes,
+// bad check digits and an empty slot in turn), polling on and a pipe
+// notification every 50 blocks; resident memory, descriptors and threads
+// read every 100 000 frames. False if any of them grew.
+bool soak(const std::string& pty_file, long frames)
+{
+    daemon_run d(pty_file);
+    d.send_frame(2, {0, 0, 0, 4, 0, 0});
+    int pipe = open("/tmp/mcu_if_pipe", O_WRONLY | O_NONBLOCK);
+    if (pipe < 0) throw std::runtime_error("no pipe");
+    struct usage {
+        long rss_kb, fds, threads;
+    };
+    auto usage_of = [&] {
+        usage u{bench::status_kb(d.pid, "VmRSS:"), 0, bench::status_kb(d.pid, "Threads:")};
+        if (DIR* dir = opendir(("/proc/" + std::to_string(d.pid) + "/fd").c_str())) {
+            while (const dirent* e = readdir(dir)) u.fds += e->d_name[0] != '.';
+            closedir(dir);
+        }
+        return u;
+    };
+    auto block = [](long n) {
+        const bytes vol = mcu_frame(5, bytes(12, static_cast<uint8_t>(n % 200 + 1)));
+        bytes bad = vol;
+        bad.back() ^= 1;
+        const bytes empty = mcu_frame(7, {1, 2, 3});
+        bytes out;
+        for (int i = 0; i < 1000; ++i) {
+            const bytes& f = i % 3 == 1 ? bad : i % 3 == 2 ? empty : vol;
+            out.insert(out.end(), f.begin(), f.end());
+        }
+        return out;
+    };
+    usage start{};
+    auto t0 = clk::now();
+    long blocks = frames / 1000;
+    for (long n = 0; n < blocks; ++n) {
+        d.send(block(n));
+        if (n % 50 == 0) (void)!write(pipe, "x", 1);
+        if (n == 10) start = usage_of();  // after warm-up
+        if (n % 100 == 0 && n > 0) {
+            usage u = usage_of();
+            printf("[soak] %ld frames: rss %ld kB, fds %ld, threads %ld\n", n * 1000, u.rss_kb, u.fds, u.threads);
+            fflush(stdout);
+        }
+    }
+    close(pipe);
+    // A last volume change shows that every frame before it was read.
+    d.dsp->arm("dsp vol 12 75.000000\n");
+    d.send(mcu_frame(5, bytes(12, 250)));
+    for (int i = 0; i < 120000 && d.dsp->first() == clk::time_point{}; ++i) usleep(1000);
+    if (d.dsp->first() == clk::time_point{}) throw std::runtime_error("the daemon fell behind");
+    double secs = std::chrono::duration<double>(clk::now() - t0).count();
+    usage end = usage_of();
+    printf("[soak] %ld frames in %.1f s (%.0f frames/s); rss %ld -> %ld kB, fds %ld -> %ld, threads %ld -> %ld\n",
+           blocks * 1000, secs, blocks * 1000 / secs, start.rss_kb, end.rss_kb, start.fds, end.fds, start.threads,
+           end.threads);
+    return end.fds == start.fds && end.threads == start.threads && end.rss_kb - start.rss_kb <= 256 &&
+           kill(d.pid, 0) == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    bool only_digests = false;
-    for (int i = 1; i < argc; ++i) {
+    std::string figure = argc > 1 ? argv[1] : "", pty;
+    long frames = 1000000;
+    for (int i = 2; i < argc; ++i) {
         quick |= !strcmp(argv[i], "--quick");
-        only_digests |= !strcmp(argv[i], "--digests");
+        if (!strcmp(argv[i], "--pty") && i + 1 < argc) pty = argv[++i];
+        if (!strcmp(argv[i], "--frames") && i + 1 < argc) frames = atol(argv[++i]);
     }
-    printf("%-52s %12s   %-30s %12s   %s\n", "figure", "daemon", "baseline", "value", "ratio");
+    const std::map<std::string, std::function<void(const std::string&)>> on_daemon = {
+        {"latency", latency}, {"throughput", throughput}, {"idle", idle_and_rss},     {"hangup", hangup},
+        {"upload", firmware_upload}, {"usb", usb_upgrade},
+    };
     try {
-        char tmpl[] = "/tmp/tty_hub_bench.XXXXXX";
-        std::string dir = mkdtemp(tmpl);
-        if (!only_digests) {
-            latency();
-            throughput();
-            idle_and_rss();
-            hangup();
+        if (figure == "header") {
+            printf("%-52s %12s   %-30s %12s   %s\n", "figure", "daemon", "baseline", "value", "ratio");
+        } else if (figure == "digests") {
+            char tmpl[] = "/tmp/tty_hub_bench.XXXXXX";
+            std::string dir = mkdtemp(tmpl);
+            digests(dir);
+            rmdir(dir.c_str());
+        } else if (figure == "soak" && !pty.empty()) {
+            return soak(pty, frames) ? 0 : 1;
+        } else if (on_daemon.count(figure) && !pty.empty()) {
+            on_daemon.at(figure)(pty);
+        } else {
+            fprintf(stderr, "usage: bench_daemon header|digests|soak|latency|throughput|idle|hangup|upload|usb "
+                            "[--quick] [--frames N] [--pty FILE]\n");
+            return 2;
         }
-        digests(dir);
-        if (!only_digests) {
-            firmware_upload();
-            usb_upgrade(dir);
-        }
-        rmdir(dir.c_str());
     } catch (const std::exception& e) {
         fprintf(stderr, "bench_daemon: %s\n", e.what());
         return 1;

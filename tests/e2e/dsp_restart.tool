@@ -10,7 +10,8 @@ expect reply "[fail]\0"
 send "mon"
 expect reply "MN>"
 sh dsp_sim --rules /.sb/dsp.rules --log /.sb/dsp.log --ready /tmp/ready2 >>/.sb/dsp.out 2>&1 &
-sh bash $DATA/until.sh "test -e /tmp/ready2"
+expect file /tmp/ready2 ""
 send "dsp vol 3 -2.5 fffffffb\n"
 expect dsp "dsp vol 3 -2.5\n"
 expect reply "[ok]\0"
+expect count log "[DSPTOOL] send dsp command failed" 2

@@ -5,7 +5,8 @@
 @tmpfs /sdk/config 65536
 probe
 push /tmp/big cfg.bin 3000 fail
-sh cmp /.sb/old /sdk/config/dsp_config
+expect file /sdk/config/dsp_config same /.sb/old
 push /tmp/small cfg.bin
 expect dsp "dsp resync_app\n"
-sh cmp /tmp/small /sdk/config/dsp_config
+expect file /sdk/config/dsp_config same /tmp/small
+expect count log "[DSPTOOL] failed to write data to file" 1

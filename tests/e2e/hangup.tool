@@ -7,4 +7,5 @@ expect log "[MCUIF CORE] /dev/ttyS2 hung up ("
 sh bash $DATA/exit_cpu.sh 100
 expect exit 1
 # One line, naming what the read gave.
-sh test "$(grep -c "hung up" /.sb/stdout)" = 1 && grep -Eq "^[[]MCUIF CORE[]] /dev/ttyS2 hung up [(](end of file|Input/output error)[)], exiting$" /.sb/stdout
+expect count log "hung up" 1
+expect lines log "^[[]MCUIF CORE[]] /dev/ttyS2 hung up [(](end of file|Input/output error)[)], exiting$" 1

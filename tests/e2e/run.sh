@@ -21,9 +21,11 @@ rm -rf "$root"
 mkdir -p "$root/.sb"
 bash "$sandbox" populate "$root" || exit 2
 : >"$root/dev/$port"
+# The scenario's expected output, when it has one: /.sb/expected.out inside.
+[ ! -e "${scenario%.*}.out" ] || cp "${scenario%.*}.out" "$root/.sb/expected.out"
 
 : >"$root/.sb/dsp.rules"
-args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=() second=() daemon=() notify=()
+args=(-p "/dev/$port") dsp=(--ready /.sb/dsp.ready) use_dsp=1 run=() setup=() second=() daemon=() peer=() notify=()
 : >"$root/.sb/steps"
 # TTY_HUB_DAEMON=PATH: the daemon to run instead of BUILD_DIR/tty_hub (a static
 # armhf build, which qemu-user runs through binfmt_misc), bound over it inside
@@ -55,6 +57,8 @@ while IFS= read -r line || [ -n "$line" ]; do
     # @preload LIB: the daemon runs with BUILD_DIR/LIB preloaded (ASan's link order check off).
     @preload\ *) [ -e "$bin/${w[1]}" ] || { echo "$name: $bin/${w[1]} is not built" >&2; exit 2; }
         daemon=(env "LD_PRELOAD=$bin/${w[1]}" "ASAN_OPTIONS=\${ASAN_OPTIONS:+\$ASAN_OPTIONS:}verify_asan_link_order=0") ;;
+    # @peer PROGRAM ARG...: plays the link in the simulator's place (a benchmark).
+    @peer\ *) peer=("${w[@]:1}") ;;
     # @rule KIND|FIELD|...: a line of dsp_sim's rules file, TAB-separated.
     @rule\ *) r=${line#@rule }; printf '%s\n' "${r//|/$'\t'}" >>"$root/.sb/dsp.rules" ;;
     # @program PATH BODY: a stand-in program of the scenario's own making.
@@ -100,8 +104,12 @@ q() { printf '%q ' "$@"; }
         echo 'n=0; until grep -qs listening /.sb/notify.log || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
         daemon=(env "WATCHDOG_USEC=${notify[1]}" "${daemon[@]}")
     fi
-    echo "$sim --pty /.sb/pty --log /.sb/stdout --dsp-log /.sb/dsp.log --dsp-rules /.sb/dsp.rules \\"
-    echo "    --calls /.sb/standin.log --exit /.sb/exit -f /.sb/steps >/.sb/sim.out 2>&1 &"
+    if [ ${#peer[@]} -gt 0 ]; then
+        echo "$(q "${peer[@]}") --pty /.sb/pty >/.sb/sim.out 2>&1 &"
+    else
+        echo "$sim --pty /.sb/pty --log /.sb/stdout --dsp-log /.sb/dsp.log --dsp-rules /.sb/dsp.rules \\"
+        echo "    --calls /.sb/standin.log --exit /.sb/exit -f /.sb/steps >/.sb/sim.out 2>&1 &"
+    fi
     echo 'sim=$!'
     echo 'until [ -s /.sb/pty ] || ! kill -0 $sim 2>/dev/null; do sleep 0.01; done'
     echo "if [ -s /.sb/pty ]; then mount --bind \"\$(cat /.sb/pty)\" /dev/$port"
@@ -120,6 +128,8 @@ q() { printf '%q ' "$@"; }
 
 bash "$sandbox" run --bind "$bin" --bind "$data" "${run[@]}" "$root" /bin/bash /.sb/run.sh >"$root/.sb/sandbox.log" 2>&1
 status=$(cat "$root/.sb/sim.status" 2>/dev/null || echo "none (the sandbox failed)")
+# E2E_SHOW=1: what the simulator or peer printed, also when it passed.
+[ -z "${E2E_SHOW:-}" ] || cat "$root/.sb/sim.out"
 verdict=0
 [ "$status" = 0 ] || verdict=1
 [ ${#second[@]} -eq 0 ] || [ "$(cat "$root/.sb/sim2.status" 2>/dev/null)" = 0 ] || verdict=1

@@ -3,7 +3,7 @@
 probe
 sh stty -F /dev/ttyS2 -a >/tmp/before
 sh timeout 10 tty_hub -p /dev/ttyS2 -b 9600 -P odd >/tmp/second 2>&1; test $? = 1
-sh grep -qx "/dev/ttyS2 is in use by another process" /tmp/second
+expect file /tmp/second is "/dev/ttyS2 is in use by another process\n"
 sh stty -F /dev/ttyS2 -a | cmp - /tmp/before
 sh test "$(pgrep -x tty_hub | wc -l)" = 1
 send "mon"

@@ -50,11 +50,13 @@ expect log "failed to rename configuration file"
 frame 1 0 0 @/tmp/z
 expect status 1
 expect log "data frame of 4009 bytes is too long, dropped"
-sh echo OLD | cmp - /sdk/config/dsp_config && echo k | cmp - /sdk/config/xml/dir/keep
+expect file /sdk/config/dsp_config is "OLD\n"
+expect file /sdk/config/xml/dir/keep is "k\n"
 # The long frame left nothing behind.
 send "mon"
 expect reply "MN>"
 push /sdk/config/xml/dir/keep cfg.bin
 expect dsp "dsp resync_app\n"
 expect log "[DSPTOOL] dsp resync_app failed, may need reboot to sync new configuration"
-sh echo k | cmp - /sdk/config/dsp_config
+expect file /sdk/config/dsp_config is "k\n"
+expect count log "[DSPTOOL] command failed" 1

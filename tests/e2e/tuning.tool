@@ -49,3 +49,4 @@ expect log "[DSPTOOL] invalid command: dsp x"
 # Nothing reached the service since the refused matrix line.
 tune delay 2 100
 expect dsp "dsp delay 2 100\n"
+expect count log "[DSPTOOL] wrong checksum 0x" 6

@@ -24,7 +24,7 @@ for t in "${targets[@]}"; do
     # The daemon's directories start afresh; the corpus stays.
     rm -rf "$root"/{tmp,sdk,user,mnt,sys,.sb}
     mkdir -p "$root/corpus" "$root/artifacts"
-    cp -n "$src/tests/fuzz/corpus/$t"/* "$root/corpus/" 2>/dev/null || true
+    cp -n "$src/tests/fuzz/corpus/$t"/* "$src/tests/fuzz/crashes/$t"/* "$root/corpus/" 2>/dev/null || true
     # -close_fd_mask=1: the daemon's log lines (stdout) are not wanted here.
     if "$src/tools/sandbox.sh" run --bind "$build/tests/fuzz" --tmpfs /tmp:256m --tmpfs /user:64m \
         --tmpfs /sdk:64m --tmpfs /mnt:64m "$root" "$bin" corpus -max_total_time="${FUZZ_SECONDS:-20}" -max_len=4096 \

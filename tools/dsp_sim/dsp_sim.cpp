@@ -19,11 +19,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tools/sim/port.h"
 #include "tools/sim/rules.h"
-
-#ifndef TTY_HUB_VERSION
-#define TTY_HUB_VERSION "1.0"
-#endif
 
 namespace {
 
@@ -128,6 +125,12 @@ public:
             rules_.clear();
             loaded_ = false;
             tried_ = true;
+            return -1;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            fprintf(stderr, "dsp_sim: cannot read the rules %s: not a regular file\n", path_.c_str());
+            rules_.clear();
+            loaded_ = false;
             return -1;
         }
         if (loaded_ && st.st_ino == ino_ && st.st_size == size_ &&
@@ -336,6 +339,10 @@ bool parse_args(int argc, char** argv, options& o)
         std::string a = argv[i];
         auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
         const char* v = nullptr;
+        if (i + 1 == argc && (a == "--rules" || a == "--log" || a == "--ready" || a == "--create-delay-ms")) {
+            fprintf(stderr, "dsp_sim: %s needs an argument\n", a.c_str());
+            return false;
+        }
         if (a == "--rules" && (v = value())) o.rules_path = v;
         else if (a == "--log" && (v = value())) o.log_path = v;
         else if (a == "--ready" && (v = value())) o.ready_path = v;
@@ -352,7 +359,7 @@ bool parse_args(int argc, char** argv, options& o)
             fputs(usage_text, stdout);
             exit(0);
         } else if (a == "--version") {
-            printf("dsp_sim (tty_hub) %s\n", TTY_HUB_VERSION);
+            printf("dsp_sim (tty_hub) %s\n", sim::version);
             exit(0);
         } else {
             fprintf(stderr, "dsp_sim: %s %s\n", v || a.starts_with("--") ? "unknown option" : "unexpected word", a.c_str());
@@ -397,6 +404,15 @@ int main(int argc, char** argv)
     }
     rule_book rules(o.rules_path);
     if (rules.refresh() != 0) return 2;
+    // The ready file is made once the queue exists: its directory must be there now.
+    if (!o.ready_path.empty()) {
+        std::string dir = o.ready_path.find('/') == std::string::npos ? "." : o.ready_path.substr(0, o.ready_path.rfind('/') + 1);
+        struct stat st {};
+        if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || access(dir.c_str(), W_OK) != 0) {
+            fprintf(stderr, "dsp_sim: cannot make the ready file %s: no writable directory %s\n", o.ready_path.c_str(), dir.c_str());
+            return 2;
+        }
+    }
     setvbuf(stdout, nullptr, _IOLBF, 0);
     remove_queue = o.remove_on_exit;
     signal(SIGTERM, on_terminate);
@@ -420,7 +436,11 @@ int main(int argc, char** argv)
     }
     if (!o.ready_path.empty()) {
         int fd = open(o.ready_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (fd >= 0) close(fd);
+        if (fd < 0) {
+            fprintf(stderr, "dsp_sim: cannot make the ready file %s: %s\n", o.ready_path.c_str(), strerror(errno));
+            return 1;
+        }
+        close(fd);
     }
     if (o.verbose) printf("[dsp_sim] queue ready (key 0x%08x)\n", static_cast<unsigned>(key));
 

@@ -1,6 +1,13 @@
 // mcu_sim: plays the product's host microcontroller on the MCU serial link,
 // runs test scenarios against the daemon, and decodes captured MCU traffic.
 // `mcu_sim --help` lists the steps, fields, options and examples.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include "tools/sim/decode.h"
 #include "tools/sim/script.h"
 
@@ -234,23 +241,23 @@ std::string frame_text(const uint8_t* b, size_t n, bool from_daemon)
 
 // ---- frames from the daemon
 
-// The next piece of the inbox, printed; nullopt while incomplete.
-std::optional<bytes> next_piece(bool& is_frame)
+// The next piece of the s.io.inbox, printed; nullopt while incomplete.
+std::optional<bytes> next_piece(session& s, bool& is_frame)
 {
-    piece pc = first_frame(inbox.data(), inbox.size(), false, true);
+    piece pc = first_frame(s.io.inbox.data(), s.io.inbox.size(), false, true);
     if (pc.kind == piece::more) return std::nullopt;
-    bytes b(inbox.begin(), inbox.begin() + static_cast<long>(pc.len));
-    inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(pc.len));
+    bytes b(s.io.inbox.begin(), s.io.inbox.begin() + static_cast<long>(pc.len));
+    s.io.inbox.erase(s.io.inbox.begin(), s.io.inbox.begin() + static_cast<long>(pc.len));
     is_frame = pc.kind == piece::whole;
     if (is_frame) printf("[mcu] <- %s\n", frame_text(b.data(), b.size(), true).c_str());
-    if (!is_frame || !quiet) printf(is_frame ? "[mcu]        %s\n" : "[mcu] <- noise: %s\n", hex(b).c_str());
+    if (!is_frame || !s.quiet) printf(is_frame ? "[mcu]        %s\n" : "[mcu] <- noise: %s\n", hex(b).c_str());
     return b;
 }
 
-void show()
+void show(session& s)
 {
     bool is_frame = false;
-    while (next_piece(is_frame)) {
+    while (next_piece(s, is_frame)) {
     }
 }
 
@@ -266,7 +273,7 @@ std::string pattern_text(int id, const std::vector<int>& pattern)
     return o;
 }
 
-bool expect_frame(int id, const std::vector<int>& pattern)
+bool expect_frame(session& s, int id, const std::vector<int>& pattern)
 {
     auto fits = [&](const bytes& f) {
         if (f.size() < 4 || f[2] != id) return false;
@@ -278,12 +285,12 @@ bool expect_frame(int id, const std::vector<int>& pattern)
     };
     std::optional<bytes> wrong;
     bool found = false;
-    wait_for([&] {
+    s.wait_for([&] {
         bool is_frame = false;
-        while (auto b = next_piece(is_frame)) {
+        while (auto b = next_piece(s, is_frame)) {
             if (is_frame && fits(*b)) return found = true;
             if (is_frame && b->size() > 3 &&
-                std::find(ignored_frames.begin(), ignored_frames.end(), (*b)[2]) != ignored_frames.end())
+                std::find(s.ignored_frames.begin(), s.ignored_frames.end(), (*b)[2]) != s.ignored_frames.end())
                 continue;
             wrong = b;
             return true;
@@ -291,8 +298,8 @@ bool expect_frame(int id, const std::vector<int>& pattern)
         return false;
     });
     if (found) return true;
-    if (wrong) return miss("expected " + pattern_text(id, pattern) + ", got " + hex(*wrong));
-    return miss("expected " + pattern_text(id, pattern) + ", nothing within " + std::to_string(bound_ms) + " ms");
+    if (wrong) return s.miss("expected " + pattern_text(id, pattern) + ", got " + hex(*wrong));
+    return s.miss("expected " + pattern_text(id, pattern) + ", nothing within " + std::to_string(s.bound_ms) + " ms");
 }
 
 // ---- firmware upload, the MCU's side
@@ -306,18 +313,18 @@ bytes read_request(uint32_t offset, uint32_t length)
 }
 
 // One READ; checks the reply against the expected bytes.
-bool fetch(const bytes& package, uint32_t offset, uint32_t length, bytes& got)
+bool fetch(session& s, const bytes& package, uint32_t offset, uint32_t length, bytes& got)
 {
     size_t pos = offset == 0xFFFFFFFFu ? 0 : static_cast<size_t>(offset) + 2048;
     // The daemon serves at most one block of 4096 bytes.
     size_t n = pos >= package.size() ? 0 : std::min<size_t>(std::min<uint32_t>(length, 4096), package.size() - pos);
     size_t size = (n + 7) & ~size_t{3};
-    write_all(read_request(offset, length));
-    bytes reply = take(size, bound_ms);
+    s.io.write_all(read_request(offset, length));
+    bytes reply = s.io.take(size, s.bound_ms);
     char what[48];
     snprintf(what, sizeof what, "READ 0x%08X+%u: ", offset, length);
     if (reply.size() != size)
-        return miss(what + std::to_string(reply.size()) + " bytes came, " + std::to_string(size) + " expected");
+        return s.miss(what + std::to_string(reply.size()) + " bytes came, " + std::to_string(size) + " expected");
     uint32_t sum = reply[0] | reply[1] << 8 | reply[2] << 16 | static_cast<uint32_t>(reply[3]) << 24;
     uint32_t want = 0;
     for (size_t i = 0; i < n; ++i) want += package[pos + i];
@@ -325,61 +332,86 @@ bool fetch(const bytes& package, uint32_t offset, uint32_t length, bytes& got)
     bool data_ok = std::equal(got.begin(), got.end(), package.begin() + static_cast<long>(pos));
     bool pad_ok = std::all_of(reply.begin() + 4 + static_cast<long>(n), reply.end(), [](uint8_t b) { return b == 0; });
     if (sum != want || !data_ok || !pad_ok)
-        return miss(what + std::string("sum ") + std::to_string(sum) + " (expected " + std::to_string(want) +
+        return s.miss(what + std::string("sum ") + std::to_string(sum) + " (expected " + std::to_string(want) +
                     "), data " + (data_ok ? "ok" : "WRONG") + ", padding " + (pad_ok ? "ok" : "WRONG"));
     return true;
 }
 
 bytes package_bytes(const std::string& path)
 {
-    bool exists = false;
-    std::string text = read_file(path, exists);
-    if (!exists) throw std::runtime_error("cannot read " + path);
+    std::string text = read_whole(path);
     return bytes(text.begin(), text.end());
 }
 
+// The MCU's line speed follows the daemon's through the firmware exchange:
+// 460800 baud once "ota mcu" is out, back to the link's speed if no call
+// comes (the daemon could not open its package and never switched). A
+// pseudo-terminal is left alone: its settings are the daemon's own.
+constexpr long upload_rate = 460800;
+
+struct mcu_link : session {
+    using session::session;
+    bool fast = false;    // at upload_rate
+    bool called = false;  // a call came since the switch
+};
+
+bool switch_speed(session& s, long rate)
+{
+    auto& link = static_cast<mcu_link&>(s);
+    if (!s.io.is_terminal) return true;
+    link.fast = rate == upload_rate;
+    link.called = false;
+    if (set_speed(s.io.fd, rate)) return s.say("line speed " + std::to_string(rate) + " baud"), true;
+    return s.miss("cannot set the line speed to " + std::to_string(rate) + ": " + strerror(errno));
+}
+
 // The daemon's call "UART_UPDATA!"; frames that came before it are printed.
-bool await_call()
+bool await_call(session& s)
 {
     const std::string call = "UART_UPDATA!";
-    bool called = wait_for([&] {
-        auto at = std::search(inbox.begin(), inbox.end(), call.begin(), call.end());
-        if (at == inbox.end()) return false;
-        bytes rest(at + static_cast<long>(call.size()), inbox.end());
-        inbox.erase(at, inbox.end());
-        show();
-        inbox = rest;
+    bool called = s.wait_for([&] {
+        auto at = std::search(s.io.inbox.begin(), s.io.inbox.end(), call.begin(), call.end());
+        if (at == s.io.inbox.end()) return false;
+        bytes rest(at + static_cast<long>(call.size()), s.io.inbox.end());
+        s.io.inbox.erase(at, s.io.inbox.end());
+        show(s);
+        s.io.inbox = rest;
         return true;
     });
-    if (!called) return miss("expected \"UART_UPDATA!\", nothing within " + std::to_string(bound_ms) + " ms");
+    auto& link = static_cast<mcu_link&>(s);
+    if (!called) {
+        if (link.fast && !link.called) switch_speed(s, s.io.line.rate);
+        return s.miss("expected \"UART_UPDATA!\", " + s.nothing_within());
+    }
+    link.called = true;
     printf("[mcu] <- \"UART_UPDATA!\"\n");
     return true;
 }
 
-bool upload(const std::string& package_path, uint32_t block, const std::string& out_path)
+bool upload(session& s, const std::string& package_path, uint32_t block, const std::string& out_path)
 {
     bytes package = package_bytes(package_path);
-    if (!await_call()) return false;
+    if (!await_call(s)) return false;
 
     bytes got;
-    if (!fetch(package, 0xFFFFFFFFu, 32, got)) return false;
-    say("header: " + hex(got.data(), std::min<size_t>(got.size(), 32)));
+    if (!fetch(s, package, 0xFFFFFFFFu, 32, got)) return false;
+    s.say("header: " + hex(got.data(), std::min<size_t>(got.size(), 32)));
     bytes firmware;
     size_t blocks = 0;
     for (uint32_t off = 0;; off += block) {
-        if (!fetch(package, off, block, got)) return false;
+        if (!fetch(s, package, off, block, got)) return false;
         ++blocks;
         firmware.insert(firmware.end(), got.begin(), got.end());
         if (got.size() < block) break;
     }
-    write_all(std::string_view("UPDATA_SUCC!"));
+    s.io.write_all(std::string_view("UPDATA_SUCC!"));
     printf("[mcu] -> \"UPDATA_SUCC!\": firmware of %zu bytes in %zu READs, every sum and byte verified\n",
            firmware.size(), blocks);
     if (!out_path.empty()) {
         FILE* f = fopen(out_path.c_str(), "wb");
         bool ok = f && fwrite(firmware.data(), 1, firmware.size(), f) == firmware.size();
         if (f) ok = fclose(f) == 0 && ok;
-        if (!ok) return miss("cannot write " + out_path);
+        if (!ok) return s.miss("cannot write " + out_path);
     }
     return true;
 }
@@ -388,10 +420,15 @@ bool upload(const std::string& package_path, uint32_t block, const std::string& 
 
 action send(std::string what, uint8_t cmd, bytes payload, bool bad = false)
 {
-    return [=] {
+    return [=](session& s) {
         bytes f = make_frame(cmd, payload, bad);
         printf("[mcu] -> %s (command %u): %s\n", what.c_str(), cmd, hex(f).c_str());
-        write_all(f);
+        s.io.write_all(f);
+        // OTA upgrade MCU: the daemon answers at the upload speed.
+        if (cmd == 14 && payload == bytes{6} && !bad && s.io.is_terminal) {
+            tcdrain(s.io.fd);
+            return switch_speed(s, upload_rate);
+        }
         return true;
     };
 }
@@ -403,7 +440,8 @@ std::vector<verb> mcu_verbs()
         std::string usage;
         if (k.fields.empty())
             usage = "V...  command " + std::to_string(k.cmd) + ", " +
-                    std::to_string(k.size) + " bytes 0..255 (one value: all of them)";
+                    std::to_string(k.size) + " bytes 0..255 (one value: all of them;\n"
+                    "                        fewer: in order, the rest 0)";
         else
             usage = "FIELD=V...  command " + std::to_string(k.cmd) + ", fields below";
         v.push_back({k.name, usage, k.fields.empty() ? 1u : 0u, k.fields.empty() ? k.size : k.fields.size() + k.size,
@@ -412,7 +450,8 @@ std::vector<verb> mcu_verbs()
     v.push_back({"record", "start|stop|export|import|report|N   command 10", 1, 1, [](const args& a) {
                      return send("record " + a[0], 10, {word_or_number(record_words, a[0], "record")});
                  }});
-    v.push_back({"ota", "start|exit|s8137|mcu|N                 command 14", 1, 1, [](const args& a) {
+    v.push_back({"ota", "start|exit|s8137|mcu|N                 command 14 (mcu on --port: the line\n"
+                        "                        follows the daemon to 460800 baud, back if no call comes)", 1, 1, [](const args& a) {
                      return send("ota " + a[0], 14, {word_or_number(ota_words, a[0], "ota")});
                  }});
     v.push_back({"udisk", "base=N name=FILE    command 15, sub-command 0x11 (name up to 11 bytes)", 0, 2,
@@ -437,12 +476,10 @@ std::vector<verb> mcu_verbs()
                          : "CMD [BYTE|\"TEXT\"|@FILE...]  any frame (up to 252 payload bytes)",
                      1, SIZE_MAX, [bad](const args& a) -> action {
                          auto cmd = static_cast<uint8_t>(a.num(0, 0, 255, "command"));
-                         if (a.size() > 253) throw usage_error("a frame holds at most 252 payload bytes");
-                         return [bad, cmd, get = byte_list(a, 1)] {
-                             bytes p = get();
-                             if (p.size() > 252) return miss("a frame holds at most 252 payload bytes, not " + std::to_string(p.size()));
-                             return send(bad ? "badframe" : "frame", cmd, p, bad)();
-                         };
+                         bytes p = byte_list(a, 1);
+                         if (p.size() > 252)
+                             throw usage_error("a frame holds at most 252 payload bytes, not " + std::to_string(p.size()));
+                         return send(bad ? "badframe" : "frame", cmd, p, bad);
                      }});
     v.push_back({"expect frame", "ID [BYTE|..]...  the next frame from the daemon has command ID and, when bytes\n"
                                  "                        are given, exactly that many payload bytes, each equal or ..",
@@ -450,12 +487,12 @@ std::vector<verb> mcu_verbs()
                      std::vector<int> pattern;
                      for (size_t i = 1; i < a.size(); ++i)
                          pattern.push_back(a[i] == ".." ? -1 : static_cast<int>(a.num(i, 0, 255, "byte")));
-                     return [id = static_cast<int>(a.num(0, 0, 255, "frame id")), pattern] { return expect_frame(id, pattern); };
+                     return [id = static_cast<int>(a.num(0, 0, 255, "frame id")), pattern](session& s) { return expect_frame(s, id, pattern); };
                  }});
     v.push_back({"ignore frame", "ID               pass over frames of this id when they are not the one expected", 1, 1,
                  [](const args& a) -> action {
-                     return [id = static_cast<int>(a.num(0, 0, 255, "frame id"))] {
-                         ignored_frames.push_back(id);
+                     return [id = static_cast<int>(a.num(0, 0, 255, "frame id"))](session& s) {
+                         s.ignored_frames.push_back(id);
                          return true;
                      };
                  }});
@@ -463,38 +500,38 @@ std::vector<verb> mcu_verbs()
                  [](const args& a) -> action {
                      int id = a[0] == "any" ? -1 : static_cast<int>(a.num(0, 0, 255, "frame id"));
                      int ms = a.size() > 1 ? static_cast<int>(a.num(1, 0, 3600000, "wait")) : 3000;
-                     return [=] {
+                     return [=](session& s) {
                          bool is_frame = false;
                          auto seen = [&] {
-                             while (auto b = next_piece(is_frame))
+                             while (auto b = next_piece(s, is_frame))
                                  if (is_frame && (id < 0 || (b->size() > 3 && (*b)[2] == id))) return true;
                              return false;
                          };
-                         return wait_for(seen, ms) ? true : miss("no frame " + a[0] + " within " + std::to_string(ms) + " ms");
+                         return s.wait_for(seen, ms) ? true : s.miss("no frame " + a[0] + " within " + std::to_string(ms) + " ms");
                      };
                  }});
     v.push_back({"listen", "MS                 print what comes in for MS milliseconds", 1, 1, [](const args& a) -> action {
-                     return [ms = static_cast<int>(a.num(0, 0, 3600000, "listen"))] {
-                         wait_for([] { return show(), false; }, ms);
+                     return [ms = static_cast<int>(a.num(0, 0, 3600000, "listen"))](session& s) {
+                         s.wait_for([&] { return show(s), false; }, ms);
                          return true;
                      };
                  }});
     v.push_back({"notify", "FILE               write one byte to FILE, e.g. the daemon's /tmp/mcu_if_pipe", 1, 1,
                  [](const args& a) -> action {
-                     return [path = a[0]] {
+                     return [path = a[0]](session& s) {
                          int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
                          bool ok = fd >= 0 && write(fd, "!", 1) == 1;
                          if (fd >= 0) close(fd);
-                         if (!ok) return miss("cannot write to " + path + ": " + strerror(errno));
-                         say("notified " + path);
+                         if (!ok) return s.miss("cannot write to " + path + ": " + strerror(errno));
+                         s.say("notified " + path);
                          return true;
                      };
                  }});
     v.push_back({"handshake", "[TEXT]         wait for the daemon's \"UART_UPDATA!\", then answer TEXT (none: silence)", 0, 1,
                  [](const args& a) -> action {
-                     return [text = a.size() ? a[0] : std::string(), answer = a.size() > 0] {
-                         if (!await_call()) return false;
-                         if (answer) printf("[mcu] -> %s\n", quote(text).c_str()), write_all(text);
+                     return [text = a.size() ? a[0] : std::string(), answer = a.size() > 0](session& s) {
+                         if (!await_call(s)) return false;
+                         if (answer) printf("[mcu] -> %s\n", quote(text).c_str()), s.io.write_all(text);
                          return true;
                      };
                  }});
@@ -503,10 +540,11 @@ std::vector<verb> mcu_verbs()
                  3, 3, [](const args& a) -> action {
                      auto offset = static_cast<uint32_t>(a.num(1, 0, 0xFFFFFFFFL, "offset"));
                      auto length = static_cast<uint32_t>(a.num(2, 0, 0xFFFFFFFFL, "length"));
-                     return [=, path = a[0]] {
+                     check_if_there(a[0]);
+                     return [=, path = a[0]](session& s) {
                          bytes got;
-                         if (!fetch(package_bytes(path), offset, length, got)) return false;
-                         say("READ served " + std::to_string(got.size()) + " bytes, sum and bytes verified");
+                         if (!fetch(s, package_bytes(path), offset, length, got)) return false;
+                         s.say("READ served " + std::to_string(got.size()) + " bytes, sum and bytes verified");
                          return true;
                      };
                  }});
@@ -516,7 +554,8 @@ std::vector<verb> mcu_verbs()
                            "                        byte against PACKAGE, writes the firmware to OUT, ends \"UPDATA_SUCC!\"",
                  1, 3, [](const args& a) -> action {
                      auto block = static_cast<uint32_t>(a.size() > 1 ? a.num(1, 1, 4096, "block") : 1024);
-                     return [=, path = a[0], out = a.size() > 2 ? a[2] : std::string()] { return upload(path, block, out); };
+                     check_if_there(a[0]);
+                     return [=, path = a[0], out = a.size() > 2 ? a[2] : std::string()](session& s) { return upload(s, path, block, out); };
                  }});
     return v;
 }
@@ -537,7 +576,6 @@ std::string fields_help()
 
 int main(int argc, char** argv)
 {
-    tag = "[mcu]";
     static const std::string more = fields_help() + R"(
 Options:
 )" + common_options_help + R"(  -q, --quiet       fewer lines;  --version;  -h, --help
@@ -553,7 +591,8 @@ Examples:
               "       mcu_sim --decode [--time] --trace FILE\n"
               "Plays the product's host microcontroller on the MCU link of tty_hub.",
               more.c_str(), mcu_verbs(), show, {}};
+    mcu_link s("[mcu]");
     decoder d{"mcu", first_frame, frame_text, [](const uint8_t*, size_t) { return true; }};
     if (argc > 1 && std::string(argv[1]) == "--decode") return run_decode(argc, argv, d);
-    return run_main(argc, argv, p);
+    return run_main(argc, argv, p, s);
 }

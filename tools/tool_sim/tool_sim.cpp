@@ -1,7 +1,9 @@
 // tool_sim: plays the DSP tuning tool on the tool link (/dev/ttyS2), runs
 // test scenarios against the daemon, and decodes captured tool link traffic.
 // `tool_sim --help` lists the steps, options and examples.
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "tools/sim/decode.h"
 #include "tools/sim/script.h"
@@ -9,9 +11,15 @@
 namespace {
 
 using namespace sim;
-bool stop_on_miss = false;  // a read-back query without an answer fails the run
-uint8_t last_frame = 0;     // the command of the last frame sent
-int stale_probe_answers = 0;  // "MN>" still owed to repeated probes
+
+// The tool link's state beyond the session's.
+struct tool_link : session {
+    using session::session;
+    bool stop_on_miss = false;    // a read-back query without an answer fails the run
+    uint8_t last_frame = 0;       // the command of the last frame sent
+    int stale_probe_answers = 0;  // "MN>" still owed to repeated probes
+};
+tool_link& link(session& s) { return static_cast<tool_link&>(s); }
 
 // A field's value in the checksum: integers as 32 bits, floats truncated
 // towards zero and saturated, NaN as 0.
@@ -76,24 +84,40 @@ size_t frame_length(const uint8_t* b, size_t n)
     return n >= len + 7 ? len + 7 : 0;
 }
 
-// The first piece of a stream of the tool link. From the daemon: "MN>",
-// "[ok]" or "[fail]" with their NUL, a read-back line, a reply frame. From
-// the tool: "mon", a tool frame, a text line up to its line end.
-piece first_piece(const uint8_t* b, size_t n, bool at_end, bool from_daemon)
+bool text_byte(uint8_t c) { return (c >= 0x20 && c < 0x7F) || c == '\t' || c == '\r'; }
+
+// The piece that starts at b, or noise of one byte if none can.
+piece piece_at(const uint8_t* b, size_t n, bool at_end, bool from_daemon)
 {
-    if (n == 0) return {0, piece::more};
     auto done = [&](size_t len) { return len ? piece{len, piece::whole} : at_end ? piece{n, piece::cut} : piece{0, piece::more}; };
     if (starts(b, n, "\x55\xAA")) return done(frame_length(b, n));
     if (!from_daemon) {
         if (starts(b, n, "mon")) return done(n >= 3 ? 3 : 0);
-        const uint8_t* nl = std::find(b, b + n, '\n');
-        return nl == b + n ? (at_end ? piece{n, piece::whole} : piece{0, piece::more}) : piece{static_cast<size_t>(nl - b) + 1, piece::whole};
+        // A text line: text bytes up to its line end, no frame inside.
+        size_t i = 0;
+        while (i < n && text_byte(b[i]) && !starts(b + i, n - i, "\x55\xAA")) ++i;
+        if (i < n && b[i] == '\n') return {i + 1, piece::whole};
+        if (i == n) return at_end ? piece{n, piece::whole} : piece{0, piece::more};
+        return {1, piece::noise};
     }
     for (std::string_view lit : {std::string_view("MN>"), std::string_view("[ok]\0", 5), std::string_view("[fail]\0", 7)})
         if (starts(b, n, lit)) return done(n >= lit.size() ? lit.size() : 0);
     size_t len = readback_length(b, n);
-    if (len == SIZE_MAX) return {n, piece::noise};
-    return done(len);
+    return len == SIZE_MAX ? piece{1, piece::noise} : done(len);
+}
+
+// The first piece of a stream of the tool link. From the daemon: "MN>",
+// "[ok]" or "[fail]" with their NUL, a read-back line, a reply frame. From
+// the tool: "mon", a tool frame, a text line up to its line end. Noise runs
+// up to where one of these may start, so that what follows it is decoded.
+piece first_piece(const uint8_t* b, size_t n, bool at_end, bool from_daemon)
+{
+    if (n == 0) return {0, piece::more};
+    piece p = piece_at(b, n, at_end, from_daemon);
+    if (p.kind != piece::noise) return p;
+    size_t i = 1;
+    while (i < n && piece_at(b + i, n - i, at_end, from_daemon).kind == piece::noise) ++i;
+    return {i, piece::noise};
 }
 
 const char* const frame_names[] = {"frame 0", "SEND_DATA", "START_SEND_DATA", "END_SEND_DATA"};
@@ -157,105 +181,96 @@ std::string piece_text(const uint8_t* b, size_t n, bool from_daemon)
 
 // ---- replies from the daemon
 
-void drop_stale_probe_answers()
+void drop_stale_probe_answers(session& s)
 {
-    while (stale_probe_answers > 0 && starts(inbox.data(), inbox.size(), "MN>") && inbox.size() >= 3) {
-        inbox.erase(inbox.begin(), inbox.begin() + 3);
-        --stale_probe_answers;
+    while (link(s).stale_probe_answers > 0 && starts(s.io.inbox.data(), s.io.inbox.size(), "MN>") && s.io.inbox.size() >= 3) {
+        s.io.inbox.erase(s.io.inbox.begin(), s.io.inbox.begin() + 3);
+        --link(s).stale_probe_answers;
     }
 }
 
-bytes take_front(size_t n)
-{
-    bytes b(inbox.begin(), inbox.begin() + static_cast<long>(n));
-    inbox.erase(inbox.begin(), inbox.begin() + static_cast<long>(n));
-    return b;
-}
-
 // The next whole reply within ms; nothing if none came whole.
-std::optional<bytes> next_reply(int ms)
+std::optional<bytes> next_reply(session& s, int ms)
 {
     std::optional<bytes> got;
-    wait_for([&] {
-        drop_stale_probe_answers();
-        piece pc = first_piece(inbox.data(), inbox.size(), false, true);
+    s.wait_for([&] {
+        drop_stale_probe_answers(s);
+        piece pc = first_piece(s.io.inbox.data(), s.io.inbox.size(), false, true);
         if (pc.kind == piece::more) return false;
-        got = take_front(pc.len);
+        got = s.io.take_front(pc.len);
         return true;
     }, ms);
     if (got) printf("[tool] <- %s\n", piece_text(got->data(), got->size(), true).c_str());
     return got;
 }
 
-void show()
+void show(session& s)
 {
-    while (next_reply(0)) {
+    while (next_reply(s, 0)) {
     }
 }
 
-std::string nothing_within() { return "nothing within " + std::to_string(bound_ms) + " ms"; }
-
 // The next reply is exactly want: read until its form is complete, or until
 // it can no longer be want.
-bool expect_reply(const std::string& want, const std::string& what)
+bool expect_reply(session& s, const std::string& want, const std::string& what)
 {
     std::optional<bytes> got;
-    wait_for([&] {
-        if (want != "MN>") drop_stale_probe_answers();
-        piece pc = first_piece(inbox.data(), inbox.size(), false, true);
-        if (pc.kind == piece::whole) got = take_front(pc.len);
-        bool may_be_want = inbox.size() < want.size() && starts(inbox.data(), inbox.size(), want);
+    s.wait_for([&] {
+        if (want != "MN>") drop_stale_probe_answers(s);
+        piece pc = first_piece(s.io.inbox.data(), s.io.inbox.size(), false, true);
+        if (pc.kind == piece::whole) got = s.io.take_front(pc.len);
+        bool may_be_want = s.io.inbox.size() < want.size() && starts(s.io.inbox.data(), s.io.inbox.size(), want);
         return got || (pc.kind == piece::noise && !may_be_want);
     });
-    if (!got && starts(inbox.data(), inbox.size(), want) && inbox.size() >= want.size()) got = take_front(want.size());
-    if (!got) return miss("expected " + what + " " + quote(want) + ", " + (inbox.empty() ? nothing_within() : "got " + text_of(inbox.data(), inbox.size())));
+    if (!got && starts(s.io.inbox.data(), s.io.inbox.size(), want) && s.io.inbox.size() >= want.size()) got = s.io.take_front(want.size());
+    if (!got) return s.miss("expected " + what + " " + quote(want) + ", " + (s.io.inbox.empty() ? s.nothing_within() : "got " + text_of(s.io.inbox.data(), s.io.inbox.size())));
     printf("[tool] <- %s\n", text_of(got->data(), got->size()).c_str());
     if (*got == bytes(want.begin(), want.end())) return true;
-    return miss("expected " + what + " " + quote(want) + ", got " + text_of(got->data(), got->size()));
+    return s.miss("expected " + what + " " + quote(want) + ", got " + text_of(got->data(), got->size()));
 }
 
 // ---- steps
 
-void send_text(const std::string& text)
+void send_text(session& s, const std::string& text)
 {
     printf("[tool] -> %s\n", quote(text).c_str());
-    write_all(text);
+    s.io.write_all(text);
 }
 
-bool probe(int ms)
+bool probe(session& s, int ms)
 {
     auto deadline = steady::now() + std::chrono::milliseconds(ms);
     int sent = 0;
     do {
-        send_text("mon");
+        send_text(s, "mon");
         ++sent;
         // Under load an answer may come late; the probe then repeats, and
         // the answers still owed are passed over later.
-        if (auto r = next_reply(std::min(500, std::max(1, ms_left(deadline))))) {
-            if (*r != bytes{'M', 'N', '>'}) return miss("expected \"MN>\", got " + text_of(r->data(), r->size()));
-            stale_probe_answers += sent - 1;
+        if (auto r = next_reply(s, std::min(500, std::max(1, ms_left(deadline))))) {
+            if (*r != bytes{'M', 'N', '>'}) return s.miss("expected \"MN>\", got " + text_of(r->data(), r->size()));
+            link(s).stale_probe_answers += sent - 1;
             return true;
         }
     } while (ms_left(deadline) > 0);
-    return miss("no answer to \"mon\" within " + std::to_string(ms) + " ms");
+    return s.miss("no answer to \"mon\" within " + std::to_string(ms) + " ms");
 }
 
-bool query(const std::string& line)
+bool query(session& s, const std::string& line)
 {
-    send_text(line + "\r\n");
-    auto r = next_reply(bound_ms);
+    send_text(s, line + "\r\n");
+    auto r = next_reply(s, s.bound_ms);
     if (!r) {
-        std::string msg = "no answer to " + quote(line) + " within " + std::to_string(bound_ms) + " ms";
-        if (stop_on_miss) return miss(msg);
-        printf("[tool] %s: %s; going on\n", where.c_str(), msg.c_str());
+        std::string msg = "no answer to " + quote(line) + " within " + std::to_string(s.bound_ms) + " ms";
+        if (link(s).stop_on_miss) return s.miss(msg);
+        printf("[tool] %s: %s; going on\n", s.where.c_str(), msg.c_str());
         return true;
     }
     bool ok = false;
     if (readback_length(r->data(), r->size()) == r->size()) readback_text(r->data(), r->size(), ok);
-    return ok ? true : miss("expected a read-back reply with a right length and sum, got " + text_of(r->data(), r->size()));
+    return ok ? true : s.miss("expected a read-back reply with a right length and sum, got " + text_of(r->data(), r->size()));
 }
 
-void send_frame(uint8_t cmd, const bytes& data, bool show_it, bool bad = false)
+void send_frame(session& s, uint8_t cmd, const bytes& data, bool show_it, bool bad = false)
 {
     bytes f = {0x55, 0xAA, 0x01, cmd, static_cast<uint8_t>(data.size()), static_cast<uint8_t>(data.size() >> 8)};
     f.insert(f.end(), data.begin(), data.end());
@@ -263,27 +278,27 @@ void send_frame(uint8_t cmd, const bytes& data, bool show_it, bool bad = false)
     for (size_t i = 2; i < f.size(); ++i) x ^= f[i];
     f.push_back(bad ? static_cast<uint8_t>(~x) : x);
     if (show_it) printf("[tool] -> %s\n", frame_text(f.data(), f.size(), false).c_str());
-    write_all(f);
-    last_frame = cmd;
+    s.io.write_all(f);
+    link(s).last_frame = cmd;
 }
 
 // The reply frame to the last frame sent: its status, or -1.
-int reply_status()
+int reply_status(session& s)
 {
-    auto r = next_reply(bound_ms);
-    if (!r) return miss("expected a reply frame to frame " + std::to_string(last_frame) + ", " + nothing_within()), -1;
+    auto r = next_reply(s, s.bound_ms);
+    if (!r) return s.miss("expected a reply frame to frame " + std::to_string(link(s).last_frame) + ", " + s.nothing_within()), -1;
     const bytes& b = *r;
-    auto code = static_cast<uint8_t>(last_frame | 0x80);
+    auto code = static_cast<uint8_t>(link(s).last_frame | 0x80);
     bool form = b.size() == 8 && b[0] == 0x55 && b[1] == 0xAA && b[2] == 1 && b[3] == code && b[4] == 1 && b[5] == 0 &&
                 b[6] < 2 && b[7] == static_cast<uint8_t>(0xFF ^ code ^ b[6]);
-    if (!form) return miss("expected a reply frame to frame " + std::to_string(last_frame) + ", got " + hex(b)), -1;
+    if (!form) return s.miss("expected a reply frame to frame " + std::to_string(link(s).last_frame) + ", got " + hex(b)), -1;
     return b[6];
 }
 
-int frame_exchange(uint8_t cmd, const bytes& data, bool show_it)
+int frame_exchange(session& s, uint8_t cmd, const bytes& data, bool show_it)
 {
-    send_frame(cmd, data, show_it);
-    return reply_status();
+    send_frame(s, cmd, data, show_it);
+    return reply_status(s);
 }
 
 bytes le32(uint32_t v)
@@ -291,30 +306,28 @@ bytes le32(uint32_t v)
     return {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 24)};
 }
 
-bool push(const std::string& path, std::string name, size_t chunk, bool refusal)
+bool push(session& s, const std::string& path, std::string name, size_t chunk, bool refusal)
 {
-    bool exists = false;
-    std::string text = read_file(path, exists);
-    if (!exists) return miss("cannot read " + path);
+    std::string text = read_whole(path);
     bytes file(text.begin(), text.end());
     if (name.empty()) name = path.substr(path.rfind('/') + 1);
     bytes start = le32(static_cast<uint32_t>(file.size()));
     start.insert(start.end(), name.begin(), name.end());
     printf("[tool] pushing %s (%zu bytes) as \"%s\"\n", path.c_str(), file.size(), name.c_str());
-    int st = frame_exchange(2, start, !quiet);
+    int st = frame_exchange(s, 2, start, !s.quiet);
     size_t chunks = 0;
     for (size_t off = 0; st == 0 && off < file.size(); off += chunk, ++chunks) {
         bytes data = {static_cast<uint8_t>(chunks), static_cast<uint8_t>(chunks >> 8)};
         size_t n = std::min(chunk, file.size() - off);
         data.insert(data.end(), file.begin() + static_cast<long>(off), file.begin() + static_cast<long>(off + n));
-        st = frame_exchange(1, data, false);
+        st = frame_exchange(s, 1, data, false);
     }
     if (st == 0) {
-        st = frame_exchange(3, le32(static_cast<uint32_t>(file.size())), !quiet);
+        st = frame_exchange(s, 3, le32(static_cast<uint32_t>(file.size())), !s.quiet);
     }
     if (st < 0) return false;
     if (refusal != (st > 0))
-        return miss(refusal ? "expected the transfer to be refused; every reply had status 0"
+        return s.miss(refusal ? "expected the transfer to be refused; every reply had status 0"
                             : "the transfer was refused (a reply with status 1)");
     printf(st ? "[tool] the transfer was refused, as expected\n" : "[tool] pushed in %zu chunks, every reply status 0\n", chunks);
     return true;
@@ -340,9 +353,9 @@ std::vector<verb> tool_verbs()
             char k[16];
             snprintf(k, sizeof k, " %x", tuning_checksum(fields) ^ (bad ? 1 : 0));
             std::string line = "dsp " + joined(a, 0) + k + "\r\n";
-            return [line, bad] {
-                send_text(line);
-                return expect_reply(bad ? std::string("[fail]", 7) : std::string("[ok]", 5), "reply");
+            return [line, bad](session& s) {
+                send_text(s, line);
+                return expect_reply(s, bad ? std::string("[fail]", 7) : std::string("[ok]", 5), "reply");
             };
         };
     };
@@ -350,60 +363,55 @@ std::vector<verb> tool_verbs()
         {"probe", "[MS]              \"mon\" every half second until \"MN>\" comes (default: the bound)", 0, 1,
          [](const args& a) -> action {
              long ms = a.size() ? a.num(0, 1, 3600000, "probe") : -1;
-             return [ms] { return probe(ms < 0 ? bound_ms : static_cast<int>(ms)); };
+             return [ms](session& s) { return probe(s, ms < 0 ? s.bound_ms : static_cast<int>(ms)); };
          }},
         {"tune", "WORD FIELD...      a tuning line \"dsp WORD FIELD... K\", K computed; expects \"[ok]\"", 1, SIZE_MAX, tune(false)},
         {"tune-bad", "WORD FIELD...  the same with a wrong K; expects \"[fail]\"", 1, SIZE_MAX, tune(true)},
         {"query", "WORD [ARG...]     a read-back query \"dsp WORD ARG...\"; checks the reply's length and\n"
                   "                        sum; no answer within the bound is reported and the script goes on\n"
                   "                        (unless --stop-on-miss, or after the step strict)",
-         1, SIZE_MAX, [](const args& a) -> action { return [line = "dsp " + joined(a, 0)] { return query(line); }; }},
+         1, SIZE_MAX, [](const args& a) -> action { return [line = "dsp " + joined(a, 0)](session& s) { return query(s, line); }; }},
         {"strict", "                   from here on a read-back query without an answer fails", 0, 0,
          [](const args&) -> action {
-             return [] { return stop_on_miss = true; };
+             return [](session& s) { return link(s).stop_on_miss = true; };
          }},
         {"line", "TEXT...            the words joined by blanks, CR LF added, in one write", 1, SIZE_MAX,
-         [](const args& a) -> action { return [t = joined(a, 0) + "\r\n"] { return send_text(t), true; }; }},
+         [](const args& a) -> action { return [t = joined(a, 0) + "\r\n"](session& s) { return send_text(s, t), true; }; }},
         {"push", "FILE [NAME] [CHUNK] [fail]  FILE as configuration NAME (default: its file name;\n"
                  "                        \"cfg.bin\" is the main one) in chunks of CHUNK bytes (1..3063, default\n"
                  "                        1024), every reply checked; fail: a reply must refuse it",
          1, 4, [](const args& a) -> action {
              auto chunk = static_cast<size_t>(a.size() > 2 ? a.num(2, 1, 3063, "chunk") : 1024);
              if (a.size() > 3 && a[3] != "fail") throw usage_error("push ends with fail or nothing, not " + a[3]);
-             return [=, path = a[0], name = a.size() > 1 ? a[1] : std::string(), refusal = a.size() > 3] {
-                 return push(path, name, chunk, refusal);
+             check_if_there(a[0]);
+             return [=, path = a[0], name = a.size() > 1 ? a[1] : std::string(), refusal = a.size() > 3](session& s) {
+                 return push(s, path, name, chunk, refusal);
              };
          }},
         {"frame", "CMD [BYTE|\"TEXT\"|@FILE...]  a tool frame (1 SEND_DATA, 2 START_SEND_DATA,\n"
                   "                        3 END_SEND_DATA); its reply is left for expect status or reply",
          1, SIZE_MAX, [](const args& a) -> action {
              auto cmd = static_cast<uint8_t>(a.num(0, 0, 255, "command"));
-             return [=, get = byte_list(a, 1)] {
-                 bytes data = get();
-                 if (data.size() > 65535) return miss("a frame holds at most 65535 data bytes");
-                 send_frame(cmd, data, true);
-                 return true;
-             };
+             bytes data = byte_list(a, 1);
+             if (data.size() > 65535) throw usage_error("a frame holds at most 65535 data bytes");
+             return [=](session& s) { return send_frame(s, cmd, data, true), true; };
          }},
         {"badframe", "CMD [BYTE|\"TEXT\"|@FILE...]  the same with a wrong checksum", 1, SIZE_MAX,
          [](const args& a) -> action {
              auto cmd = static_cast<uint8_t>(a.num(0, 0, 255, "command"));
-             return [=, get = byte_list(a, 1)] {
-                 bytes data = get();
-                 if (data.size() > 65535) return miss("a frame holds at most 65535 data bytes");
-                 send_frame(cmd, data, true, true);
-                 return true;
-             };
+             bytes data = byte_list(a, 1);
+             if (data.size() > 65535) throw usage_error("a frame holds at most 65535 data bytes");
+             return [=](session& s) { return send_frame(s, cmd, data, true, true), true; };
          }},
         {"expect status", "N               the next reply is the reply frame to the last frame sent, status N", 1, 1,
          [](const args& a) -> action {
-             return [n = a.num(0, 0, 1, "status")] {
-                 int st = reply_status();
-                 return st < 0 ? false : st == n ? true : miss("expected status " + std::to_string(n) + ", got " + std::to_string(st));
+             return [n = a.num(0, 0, 1, "status")](session& s) {
+                 int st = reply_status(s);
+                 return st < 0 ? false : st == n ? true : s.miss("expected status " + std::to_string(n) + ", got " + std::to_string(st));
              };
          }},
         {"expect reply", "TEXT             the next reply from the daemon is exactly TEXT, e.g. \"[ok]\\0\"", 1, 1,
-         [](const args& a) -> action { return [want = a[0]] { return expect_reply(want, "reply"); }; }},
+         [](const args& a) -> action { return [want = a[0]](session& s) { return expect_reply(s, want, "reply"); }; }},
     };
 }
 
@@ -411,14 +419,11 @@ std::vector<verb> tool_verbs()
 
 int main(int argc, char** argv)
 {
-    tag = "[tool]";
-    static const std::string more = R"(
-Options:
-)" + common_options_help + R"(  --stop-on-miss    a read-back query without an answer fails the run
+    static const std::string more = std::string("\nOptions:\n") + common_options_help + R"(  --stop-on-miss    a read-back query without an answer fails the run
   -q, --quiet       fewer lines;  --version;  -h, --help
   --decode ...      decode captured traffic (see below)
 )" + script_help + R"(The daemon takes one read as one input, so each step waits for its answer
-where there is one; after line or send, use expect reply or expect log.
+s.where there is one; after line or send, use expect reply or expect log.
 )" + exit_help + decode_help("tool_sim", "tool") + R"(
 Examples:
   tool_sim --port /dev/ttyUSB0 probe "tune vol 3 -2.5" "query s4_prf"
@@ -430,8 +435,11 @@ Examples:
               "       tool_sim --decode [--time] --trace FILE\n"
               "Plays the DSP tuning tool on the tool link of tty_hub.",
               more.c_str(), tool_verbs(), show,
-              [](const std::string& a, const std::function<std::string()>&) { return a == "--stop-on-miss" && (stop_on_miss = true); }};
+              [](session& s, const std::string& a, const std::function<std::string()>&) {
+                  return a == "--stop-on-miss" && (link(s).stop_on_miss = true);
+              }};
+    tool_link s("[tool]");
     decoder d{"tool", first_piece, piece_text, [](const uint8_t* b, size_t n) { return starts(b, n, "\x55\xAA"); }};
     if (argc > 1 && std::string(argv[1]) == "--decode") return run_decode(argc, argv, d);
-    return run_main(argc, argv, p);
+    return run_main(argc, argv, p, s);
 }
