@@ -99,8 +99,8 @@ q() { printf '%q ' "$@"; }
         [ "${dsp[0]}" != --ready ] || echo 'n=0; until [ -e /.sb/dsp.ready ] || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
     fi
     if [ ${#notify[@]} -gt 0 ]; then
-        # Steps send markers to it: notify_listen.py --send "$NOTIFY_SOCKET" TEXT.
-        echo "export NOTIFY_SOCKET=${notify[0]}; $(q "$data/notify_listen.py" "${notify[0]}" /.sb/notify.log "${notify[2]}") 2>/.sb/notify.err &"
+        # A step marks the log with "write /.sb/mark TEXT".
+        echo "export NOTIFY_SOCKET=${notify[0]}; $(q "$data/notify_listen.py" "${notify[0]}" /.sb/notify.log "${notify[2]}" /.sb/mark) 2>/.sb/notify.err &"
         echo 'n=0; until grep -qs listening /.sb/notify.log || [ $n -ge 6000 ]; do sleep 0.01; n=$((n+1)); done'
         daemon=(env "WATCHDOG_USEC=${notify[1]}" "${daemon[@]}")
     fi
