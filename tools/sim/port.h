@@ -31,6 +31,9 @@ inline const char* tag = "[sim]";
 inline int port_fd = -1;
 inline bytes inbox;  // read from the port, not yet taken apart
 inline int capture_sent = -1, capture_received = -1;  // copies of the traffic, or -1
+// Our pseudo-terminal's slave, kept open, and the settings we gave it; -1 on a real port.
+inline int pty_slave = -1;
+inline termios pty_settings{};
 
 inline void copy_to(int fd, const uint8_t* p, size_t n)
 {
@@ -187,6 +190,18 @@ inline int open_terminal(const std::string& dev, const line_settings& l)
     return fd;
 }
 
+// Whether the daemon has set up the line of our pseudo-terminal: its
+// settings are no longer the ones we left. The daemon flushes the line's
+// input before it sets it, so what is written from then on is read.
+inline bool pty_set_up()
+{
+    termios now{};
+    if (pty_slave < 0 || tcgetattr(pty_slave, &now) != 0) return false;
+    return now.c_iflag != pty_settings.c_iflag || now.c_oflag != pty_settings.c_oflag ||
+           now.c_cflag != pty_settings.c_cflag || now.c_lflag != pty_settings.c_lflag ||
+           memcmp(now.c_cc, pty_settings.c_cc, sizeof now.c_cc) != 0;
+}
+
 // A new pseudo-terminal; the slave's path goes to pty_file (written whole,
 // then renamed into place, so a watcher never reads half a path). The slave
 // stays open here, raw, so that nothing is echoed and the master sees no
@@ -202,6 +217,8 @@ inline int open_pty(const std::string& pty_file)
     tcgetattr(slave, &t);
     cfmakeraw(&t);
     tcsetattr(slave, TCSANOW, &t);
+    tcgetattr(slave, &pty_settings);
+    pty_slave = slave;
     std::string tmp = pty_file + ".tmp";
     FILE* f = fopen(tmp.c_str(), "w");
     bool ok = f && fprintf(f, "%s\n", name) > 0;

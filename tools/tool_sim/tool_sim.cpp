@@ -225,6 +225,18 @@ void send_text(const std::string& text)
 bool probe(int ms)
 {
     auto deadline = steady::now() + std::chrono::milliseconds(ms);
+    // On our pseudo-terminal the daemon's set-up of the line shows, and one
+    // "mon" sent after it is answered. Repeated, an answer could come after
+    // the next "mon" went out: that one would then share a read with the
+    // next line, and the daemon takes such an input for a probe alone.
+    if (pty_slave >= 0) {
+        if (!wait_for(pty_set_up, ms)) return miss("the daemon did not set up the line within " + std::to_string(ms) + " ms");
+        send_text("mon");
+        auto r = next_reply(ms_left(deadline));
+        if (!r) return miss("no answer to \"mon\" within " + std::to_string(ms) + " ms");
+        if (*r != bytes{'M', 'N', '>'}) return miss("expected \"MN>\", got " + text_of(r->data(), r->size()));
+        return true;
+    }
     int sent = 0;
     do {
         send_text("mon");
@@ -347,7 +359,8 @@ std::vector<verb> tool_verbs()
         };
     };
     return {
-        {"probe", "[MS]              \"mon\" every half second until \"MN>\" comes (default: the bound)", 0, 1,
+        {"probe", "[MS]              \"mon\" until \"MN>\" comes (default: the bound): once the daemon has\n"
+                  "                        set up the line (--pty), else every half second", 0, 1,
          [](const args& a) -> action {
              long ms = a.size() ? a.num(0, 1, 3600000, "probe") : -1;
              return [ms] { return probe(ms < 0 ? bound_ms : static_cast<int>(ms)); };
