@@ -222,9 +222,15 @@ void send_text(const std::string& text)
     write_all(text);
 }
 
+bool probe_answer(const bytes& r)
+{
+    return r == bytes{'M', 'N', '>'} || miss("expected \"MN>\", got " + text_of(r.data(), r.size()));
+}
+
 bool probe(int ms)
 {
     auto deadline = steady::now() + std::chrono::milliseconds(ms);
+    std::string none = "no answer to \"mon\" within " + std::to_string(ms) + " ms";
     // On our pseudo-terminal the daemon's set-up of the line shows, and one
     // "mon" sent after it is answered. Repeated, an answer could come after
     // the next "mon" went out: that one would then share a read with the
@@ -233,9 +239,7 @@ bool probe(int ms)
         if (!wait_for(pty_set_up, ms)) return miss("the daemon did not set up the line within " + std::to_string(ms) + " ms");
         send_text("mon");
         auto r = next_reply(ms_left(deadline));
-        if (!r) return miss("no answer to \"mon\" within " + std::to_string(ms) + " ms");
-        if (*r != bytes{'M', 'N', '>'}) return miss("expected \"MN>\", got " + text_of(r->data(), r->size()));
-        return true;
+        return r ? probe_answer(*r) : miss(none);
     }
     int sent = 0;
     do {
@@ -244,12 +248,11 @@ bool probe(int ms)
         // Under load an answer may come late; the probe then repeats, and
         // the answers still owed are passed over later.
         if (auto r = next_reply(std::min(500, std::max(1, ms_left(deadline))))) {
-            if (*r != bytes{'M', 'N', '>'}) return miss("expected \"MN>\", got " + text_of(r->data(), r->size()));
             stale_probe_answers += sent - 1;
-            return true;
+            return probe_answer(*r);
         }
     } while (ms_left(deadline) > 0);
-    return miss("no answer to \"mon\" within " + std::to_string(ms) + " ms");
+    return miss(none);
 }
 
 bool query(const std::string& line)
