@@ -120,7 +120,7 @@ q() { printf '%q ' "$@"; }
         : >"$root/dev/$p2"
         echo "${second[0]} --pty /.sb/pty2 --log /.sb/stdout2 --dsp-log /.sb/dsp.log --exit /.sb/exit2 -f ${second[1]} >/.sb/sim2.out 2>&1 &"
         echo 'sim2=$!; until [ -s /.sb/pty2 ] || ! kill -0 $sim2 2>/dev/null; do sleep 0.01; done'
-        echo "mount --bind \"\$(cat /.sb/pty2)\" /dev/$p2 && ( $(q "$bin/tty_hub" -p /dev/$p2) </dev/null >/.sb/stdout2 2>/.sb/stderr2; echo \$? >/.sb/exit2 ) &"
+        echo "mount --bind \"\$(cat /.sb/pty2)\" /dev/$p2 && ( $(q "$bin/tty_hub" -p /dev/$p2) </dev/null >/.sb/stdout2 2>/.sb/stderr2; echo \$? >/.sb/exit2.tmp; mv /.sb/exit2.tmp /.sb/exit2 ) &"
     fi
     echo 'wait $sim; echo $? >/.sb/sim.status'
     [ ${#second[@]} -eq 0 ] || echo 'wait $sim2; echo $? >/.sb/sim2.status'

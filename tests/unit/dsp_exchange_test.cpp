@@ -1,7 +1,8 @@
 // The exchange lock between processes, on a private queue and semaphore, in
 // a child of its own (the lock is process-wide state): a holder killed
 // between its send and its reply leaves the lock free and its late reply is
-// not taken for the next request; a held lock keeps the request back.
+// not taken for the next request; a held lock keeps the request back; a
+// neighbour that exchanges back to back keeps nobody out.
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -77,6 +78,46 @@ bool cases(int q, int sem)
     return true;
 }
 
+// The service's side for many: each request is answered with its own text, until "stop".
+std::thread echo_service(int q)
+{
+    return std::thread([q] {
+        dsp_message m;
+        while (msgrcv(q, &m, sizeof m.text, DSP_REQUEST_TYPE, 0) > 0 && strcmp(m.text, "stop") != 0) {
+            m.type = DSP_RESPONSE_TYPE;
+            msgsnd(q, &m, strlen(m.text) + 1, 0);
+        }
+    });
+}
+
+// A process that exchanges back to back, as a flooded link does, does not
+// keep another one out: the lock goes to the one that waits when the holder
+// lets it go. Every reply is the asker's own.
+bool busy_neighbour(int q)
+{
+    pid_t busy = fork();
+    if (busy == 0) {
+        int id = q;
+        dsp_message m;
+        for (;;)
+            if (dsp_exchange(id, m, request(m, "busy"), true) != dsp_step::done || strcmp(m.text, "busy") != 0) _exit(1);
+    }
+    std::thread service = echo_service(q);
+    int id = q;
+    dsp_message m;
+    bool ok = true;
+    for (int i = 0; i < 200 && ok; ++i)
+        ok = dsp_exchange(id, m, request(m, "mine"), true) == dsp_step::done && !strcmp(m.text, "mine");
+    int status = 0;
+    bool busy_alive = waitpid(busy, &status, WNOHANG) == 0;
+    kill(busy, SIGKILL);
+    waitpid(busy, nullptr, 0);
+    msgsnd(q, &m, request(m, "stop"), 0);
+    service.join();
+    CHECK(ok && busy_alive);
+    return true;
+}
+
 }  // namespace
 
 TEST(DspExchange, OneAtATimeAcrossProcesses)
@@ -85,7 +126,8 @@ TEST(DspExchange, OneAtATimeAcrossProcesses)
         {
             int q = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
             int sem = dsp_exchange_lock_setup(IPC_PRIVATE);
-            bool ok = q >= 0 && sem >= 0 && cases(q, sem);
+            alarm(120);  // a starved exchange fails instead of hanging
+            bool ok = q >= 0 && sem >= 0 && cases(q, sem) && busy_neighbour(q);
             msgctl(q, IPC_RMID, nullptr);
             semctl(sem, 0, IPC_RMID);
             exit(ok ? 0 : 1);

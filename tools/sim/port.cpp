@@ -151,7 +151,7 @@ namespace {
 // then renamed into place, so a watcher never reads half a path). The slave
 // stays open here, raw, so that nothing is echoed and the master sees no
 // hang-up before the daemon opens it.
-int open_pty(const std::string& pty_file)
+int open_pty(const std::string& pty_file, termios& initial)
 {
     int fd = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (fd < 0 || grantpt(fd) || unlockpt(fd)) throw usage_error(std::string("cannot make a pseudo-terminal: ") + strerror(errno));
@@ -162,6 +162,7 @@ int open_pty(const std::string& pty_file)
     tcgetattr(slave, &t);
     cfmakeraw(&t);
     tcsetattr(slave, TCSANOW, &t);
+    tcgetattr(slave, &initial);
     std::string tmp = pty_file + ".tmp";
     FILE* f = fopen(tmp.c_str(), "w");
     bool ok = f && fprintf(f, "%s\n", name) > 0;
@@ -192,7 +193,16 @@ void port::open(const std::string& dev, const std::string& pty_file, const line_
     if (dev.empty() == pty_file.empty()) throw usage_error("give one of --port DEV or --pty FILE");
     line = l;
     is_terminal = !dev.empty();
-    fd = is_terminal ? open_terminal(dev, l) : open_pty(pty_file);
+    fd = is_terminal ? open_terminal(dev, l) : open_pty(pty_file, pty_initial);
+}
+
+bool port::peer_set_up() const
+{
+    termios now{};
+    if (is_terminal || fd < 0 || tcgetattr(fd, &now) != 0) return false;
+    return now.c_iflag != pty_initial.c_iflag || now.c_oflag != pty_initial.c_oflag ||
+           now.c_cflag != pty_initial.c_cflag || now.c_lflag != pty_initial.c_lflag ||
+           memcmp(now.c_cc, pty_initial.c_cc, sizeof now.c_cc) != 0;
 }
 
 void port::write_all(const uint8_t* p, size_t n)

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <termios.h>
 #include <vector>
 
 namespace sim {
@@ -86,6 +87,12 @@ struct port {
     // The settings of the other end of a pseudo-terminal (the master sees the
     // slave's); false on a terminal, whose settings are ours.
     bool peer(peer_settings& out) const;
+    // Whether the daemon has set up the line of our pseudo-terminal: its
+    // settings are no longer the ones we left. The daemon flushes the line's
+    // input before it sets it, so what is written from then on is read.
+    // Always false on a terminal.
+    bool peer_set_up() const;
+    termios pty_initial{};  // the pseudo-terminal's settings as we left them
 };
 
 }  // namespace sim
