@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <dirent.h>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -11,6 +12,7 @@
 #include <regex.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sstream>
 #include <thread>
 #include <unistd.h>
 
@@ -90,6 +92,43 @@ std::optional<std::string> read_file(const std::string& path)
     close(fd);
     return out;
 }
+
+namespace {
+
+// The running daemon's process (by its command name, which stays tty_hub
+// under an emulator too), or 0.
+long daemon_pid()
+{
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    for (dirent* e; proc && (e = readdir(proc.get()));) {
+        char* end;
+        long pid = strtol(e->d_name, &end, 10);
+        if (*end || pid <= 0) continue;
+        auto comm = read_file("/proc/" + std::string(e->d_name) + "/comm");
+        if (comm && *comm == "tty_hub\n") return pid;
+    }
+    return 0;
+}
+
+// User and system ticks the process has used, or -1 once it is gone.
+long cpu_ticks(long pid)
+{
+    auto stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    if (!stat) return -1;
+    size_t at = stat->rfind(')');  // the command name may hold spaces
+    if (at == std::string::npos) return -1;
+    std::istringstream fields(stat->substr(at + 2));
+    std::string f;
+    long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> f; ++i) {
+        if (i == 14) utime = std::stol(f);
+        if (i == 15) stime = std::stol(f);
+    }
+    return utime + stime;
+}
+
+}  // namespace
+
 
 // ---- the session
 
@@ -416,13 +455,25 @@ std::vector<verb> common_verbs(expected_texts& expected)
          }},
         {"expect file", "PATH [HOW] TEXT  PATH exists and contains TEXT; HOW: lacks (does not contain\n"
                         "                        it), is (holds exactly TEXT), size (of TEXT bytes), same (the same bytes\n"
-                        "                        as the file TEXT), begins (with the bytes of the file TEXT)",
+                        "                        as the file TEXT), begins (with the bytes of the file TEXT), kind (regular or\n"
+                        "                        fifo, the name itself and not a link's target)",
          2, 3, [](const args& a) -> action {
-             static const std::vector<std::string> ways = {"lacks", "is", "size", "same", "begins"};
+             static const std::vector<std::string> ways = {"lacks", "is", "size", "same", "begins", "kind"};
              std::string how = a.size() == 3 ? a[1] : "contains";
              if (a.size() == 3 && std::find(ways.begin(), ways.end(), how) == ways.end())
-                 throw usage_error("expect file PATH takes lacks, is, size, same or begins before its last word, not " + how);
+                 throw usage_error("expect file PATH takes lacks, is, size, same, begins or kind before its last word, not " + how);
              long size = how == "size" ? a.num(2, 0, LONG_MAX, "size") : 0;
+             if (how == "kind") {
+                 // Not read: a FIFO would hold the reader. The name itself, never a link's target.
+                 if (a[2] != "regular" && a[2] != "fifo") throw usage_error("expect file PATH kind takes regular or fifo, not " + a[2]);
+                 return [path = a[0], fifo = a[2] == "fifo"](session& s) {
+                     struct stat st {};
+                     auto holds = [&] { return lstat(path.c_str(), &st) == 0 && (fifo ? S_ISFIFO(st.st_mode) : S_ISREG(st.st_mode)); };
+                     std::string what = fifo ? "a FIFO" : "a regular file";
+                     if (s.wait_for(holds)) return s.say("seen " + path + ", " + what), true;
+                     return s.miss("expected " + path + " to be " + what + (lstat(path.c_str(), &st) ? "; there is none" : "; it is not"));
+                 };
+             }
              return [path = a[0], how, want = a[a.size() - 1], size](session& s) {
                  std::optional<std::string> text, other;
                  auto holds = [&] {
@@ -445,6 +496,40 @@ std::vector<verb> common_verbs(expected_texts& expected)
                  if ((how == "same" || how == "begins") && !other) return s.miss("expected file " + path + " " + what + "; there is no " + want);
                  return s.miss("expected file " + path + " " + what + "; it holds " + std::to_string(text->size()) +
                                " bytes " + quote(text->substr(0, 200)));
+             };
+         }},
+        {"mark", "                   note the time, and the daemon's process with the CPU it has used so far", 0, 0,
+         [](const args&) -> action {
+             return [](session& s) {
+                 s.mark_time = steady::now();
+                 s.mark_pid = daemon_pid();
+                 s.mark_ticks = s.mark_pid ? cpu_ticks(s.mark_pid) : 0;
+                 return true;
+             };
+         }},
+        {"expect elapsed", "MS        at least MS milliseconds have passed since the mark", 1, 1,
+         [](const args& a) -> action {
+             return [want = a.num(0, 0, LONG_MAX, "milliseconds")](session& s) {
+                 auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - s.mark_time).count();
+                 if (ms >= want) return s.say(std::to_string(ms) + " ms since the mark"), true;
+                 return s.miss("expected at least " + std::to_string(want) + " ms since the mark, " + std::to_string(ms) + " passed");
+             };
+         }},
+        {"expect cpu", "TICKS         the daemon seen by the mark exits, having used at most TICKS of CPU\n"
+                       "                        since then (a spinning core uses 100 a second)",
+         1, 1, [](const args& a) -> action {
+             return [most = a.num(0, 0, LONG_MAX, "ticks")](session& s) {
+                 if (!s.mark_pid) return s.miss("expect cpu: no daemon was running at the mark");
+                 long last = s.mark_ticks;
+                 bool gone = s.wait_for([&] {
+                     long t = cpu_ticks(s.mark_pid);
+                     if (t >= 0) last = t;
+                     return t < 0;
+                 });
+                 std::string used = std::to_string(last - s.mark_ticks) + " ticks of CPU since the mark";
+                 if (!gone) return s.miss("expected the daemon to exit; it is still there after " + used);
+                 if (last - s.mark_ticks > most) return s.miss("expected at most " + std::to_string(most) + " ticks, the daemon used " + used);
+                 return s.say("the daemon exited after " + used), true;
              };
          }},
         {"expect settings", "RATE VMIN VTIME  the daemon's end of the pseudo-terminal (--pty) has this speed\n"

@@ -64,6 +64,10 @@ struct session {
     int bound_ms = 10000;
     std::vector<std::string> ignored_dsp;
     std::vector<int> ignored_frames;
+    // What the "mark" step saw: its time, and the daemon's process with the
+    // CPU ticks it had used (pid 0 when no daemon ran).
+    steady::time_point mark_time{};
+    long mark_pid = 0, mark_ticks = 0;
 
     // A failed step: its place and what went wrong, on standard error.
     bool miss(const std::string& what);
